@@ -124,6 +124,10 @@ class FATLIB_API CFatMemory : public CFatStorage {
   static int _WriteBytesAligned(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _ReadSectors(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _WriteSectors(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
+
+ private:
+  // Where the bytes lie in the image; null when they pass its end.
+  unsigned char* ImageAt(long long position, unsigned int count) const;
 };
 
 /// A device or image file. The parameter of OpenDevice is its zero-terminated path; it is opened for reading and writing
@@ -143,6 +147,10 @@ class FATLIB_API CFatPartition : public CFatStorage {
   static int _WriteBytesAligned(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _ReadSectors(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _WriteSectors(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
+
+ private:
+  int Transfer(bool write, unsigned char* buffer, long long sector, unsigned int count) const;
+  int TransferScratch(bool write, long long sector) const;
 };
 
 #endif  // FATLIB_XSTORAGE_H
