@@ -31,34 +31,66 @@ int CFatBitmap::LoadBitmapFromTable(CFatTable* table, FAT_IDX_BITS bits, unsigne
   return status;
 }
 
-// Clears the bits of the free entries among first .. end - 1, which lie in one block of the FAT.
-void CFatBitmap::ClearFreeBits(const unsigned char* data, FAT_IDX_BITS bits, unsigned int first, unsigned int end) {
-  const le16* entries16 = reinterpret_cast<const le16*>(data);
-  const le32* entries32 = reinterpret_cast<const le32*>(data);
-  unsigned int n = first < FIRST_CLUSTER ? FIRST_CLUSTER : first;
-  unsigned int nFree = 0;
-  while (n < end) {
-    // A byte of the bitmap at a time: `first` is a multiple of 8, so only the ends of the FAT have partial bytes.
-    const unsigned int byteEnd = (n | 7) + 1 < end ? (n | 7) + 1 : end;
-    unsigned int freeBits = 0;
-    for (; n < byteEnd; ++n) {
-      unsigned int entry;
-      if (bits == FAT_BITS_32) {
-        entry = entries32[n - first].Load();
-      } else if (bits == FAT_BITS_16) {
-        entry = entries16[n - first].Load();
-      } else {
-        const unsigned int word = reinterpret_cast<const le16*>(data + n * 3 / 2)->Load();
-        entry = (n & 1) != 0 ? word >> 4 : word & 0x0FFF;
-      }
-      const unsigned int isFree = entry == FAT_FREE ? 1 : 0;
-      freeBits |= isFree << (n & 7);
-      nFree += isFree;
-    }
-    unsigned char& byte = m_pBits[(n - 1) / 8];
-    byte = static_cast<unsigned char>(byte & ~freeBits);
+namespace {
+
+// The three widths as the loop below reads them: the entry `n` of a block that starts with entry `first`.
+struct FAT12_ENTRIES {
+  static bool IsFree(const unsigned char* data, unsigned int n) {
+    const unsigned int word = reinterpret_cast<const le16*>(data + n * 3 / 2)->Load();
+    return ((n & 1) != 0 ? word >> 4 : word & 0x0FFF) == FAT_FREE;
   }
-  m_nFreeClusters += nFree;
+};
+struct FAT16_ENTRIES {
+  static bool IsFree(const unsigned char* data, unsigned int n) {
+    return reinterpret_cast<const le16*>(data)[n].Load() == FAT_FREE;
+  }
+};
+struct FAT32_ENTRIES {
+  static bool IsFree(const unsigned char* data, unsigned int n) {
+    return reinterpret_cast<const le32*>(data)[n].Load() == FAT_FREE;
+  }
+};
+
+// Clears the bits of the free ones among entries begin .. end - 1 of a block, a byte of the bitmap at a time.
+// @return how many there are
+template <class ENTRIES>
+unsigned int ClearBitsOfFree(const unsigned char* data, unsigned char* bits, unsigned int begin, unsigned int end) {
+  unsigned int nFree = 0;
+  unsigned int n = begin;
+  while (n < end) {
+    unsigned int mask = 0;
+    if (n % 8 == 0 && end - n >= 8) {
+      for (unsigned int i = 0; i < 8; ++i) mask |= (ENTRIES::IsFree(data, n + i) ? 1u : 0u) << i;
+      n += 8;
+    } else {
+      mask = (ENTRIES::IsFree(data, n) ? 1u : 0u) << n % 8;
+      ++n;
+    }
+    if (mask == 0) continue;
+    bits[(n - 1) / 8] = static_cast<unsigned char>(bits[(n - 1) / 8] & ~mask);
+    if (mask == 0xFF) {
+      nFree += 8;
+    } else {
+      for (; mask != 0; mask &= mask - 1) ++nFree;
+    }
+  }
+  return nFree;
+}
+
+}  // namespace
+
+// Clears the bits of the free entries among first .. end - 1, which lie in one block of the FAT. `first` is a multiple
+// of 8.
+void CFatBitmap::ClearFreeBits(const unsigned char* data, FAT_IDX_BITS bits, unsigned int first, unsigned int end) {
+  const unsigned int begin = first < FIRST_CLUSTER ? FIRST_CLUSTER : 0;
+  unsigned char* bytes = m_pBits + first / 8;
+  if (bits == FAT_BITS_32) {
+    m_nFreeClusters += ClearBitsOfFree<FAT32_ENTRIES>(data, bytes, begin, end - first);
+  } else if (bits == FAT_BITS_16) {
+    m_nFreeClusters += ClearBitsOfFree<FAT16_ENTRIES>(data, bytes, begin, end - first);
+  } else {
+    m_nFreeClusters += ClearBitsOfFree<FAT12_ENTRIES>(data, bytes, begin, end - first);
+  }
 }
 
 // Moves the hint to the first free cluster at or after `from`. When `from` is the end of the map it becomes that; when no

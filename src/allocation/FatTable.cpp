@@ -7,8 +7,6 @@
 
 namespace {
 
-constexpr unsigned int DATA_ALIGNMENT = 4096;  // copies to and from page-aligned memory are much faster
-
 unsigned int CeilDiv(std::uint64_t a, unsigned int b) { return static_cast<unsigned int>((a + b - 1) / b); }
 
 le16& Entry16(CFatTable::CACHE_BLK* block, unsigned int byteOffset) {
@@ -23,25 +21,28 @@ le32& Entry32(CFatTable::CACHE_BLK* block, unsigned int byteOffset) {
 
 // ---------------------------------------------------------------------------------------------- cached blocks
 
-CFatTable::CACHE_BLK* CFatTable::CACHE_BLK::Alloc() {
-  CACHE_BLK* block = new CACHE_BLK;
-  if (block == nullptr) return nullptr;
-  block->m_pMemory = osMemAlloc(BLOCK_BYTES + DATA_ALIGNMENT);
-  if (block->m_pMemory == nullptr) {
-    delete block;
-    return nullptr;
+bool CFatTable::AllocBlocks() {
+  const unsigned int nBlocks = m_nLastBlk < MAX_BLOCKS ? m_nLastBlk + 1 : MAX_BLOCKS + 1;
+  unsigned char* data = osMemAllocBlocks(static_cast<std::size_t>(nBlocks) * BLOCK_BYTES, m_pBlockMem);
+  m_pBlks = static_cast<CACHE_BLK*>(osMemAllocArray(nBlocks, sizeof(CACHE_BLK)));
+  m_ppFreeBlks = static_cast<CACHE_BLK**>(osMemAllocArray(nBlocks, sizeof(CACHE_BLK*)));
+  if (data == nullptr || m_pBlks == nullptr || m_ppFreeBlks == nullptr) return false;
+  for (unsigned int i = 0; i < nBlocks; ++i) {
+    m_pBlks[i] = {0, 0, false, data + static_cast<std::size_t>(i) * BLOCK_BYTES};
+    m_ppFreeBlks[nBlocks - 1 - i] = &m_pBlks[i];
   }
-  const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(block->m_pMemory);
-  block->m_Data = static_cast<unsigned char*>(block->m_pMemory) + (DATA_ALIGNMENT - address % DATA_ALIGNMENT);
-  block->m_nRefNo = 0;
-  block->m_nSector = 0;
-  block->m_bDirty = false;
-  return block;
+  m_nFreeBlks = nBlocks;
+  return true;
 }
 
-void CFatTable::CACHE_BLK::Release() {
-  osMemFree(m_pMemory);
-  delete this;
+void CFatTable::FreeBlocks() {
+  osMemFree(m_ppFreeBlks);
+  osMemFree(m_pBlks);
+  osMemFree(m_pBlockMem);
+  m_ppFreeBlks = nullptr;
+  m_pBlks = nullptr;
+  m_pBlockMem = nullptr;
+  m_nFreeBlks = 0;
 }
 
 void CFatTable::CACHE_BLK::Free(CACHE_BLK* block, CFatTable* table) {
@@ -53,7 +54,7 @@ void CFatTable::CACHE_BLK::Free(CACHE_BLK* block, CFatTable* table) {
     }
   }
   if (table->m_pNewest == block) table->m_pNewest = nullptr;
-  block->Release();
+  table->m_ppFreeBlks[table->m_nFreeBlks++] = block;
 }
 
 // ---------------------------------------------------------------------------------------------- the table
@@ -69,6 +70,10 @@ CFatTable::CFatTable()
       m_nWriteDelay(0),
       m_pWriteDelayBlks(),
       m_nEntries(0),
+      m_pBlockMem(nullptr),
+      m_pBlks(nullptr),
+      m_ppFreeBlks(nullptr),
+      m_nFreeBlks(0),
       m_pNewest(nullptr) {}
 
 CFatVolume* CFatTable::Volume() { return static_cast<CFatVolume*>(this); }
@@ -108,13 +113,14 @@ int CFatTable::Create(FAT_IDX_BITS bits, unsigned int sectorShift, unsigned int 
   if (m_nLastBlkSects > m_nBlkSects) return STATUS_INVALID_PARAMETER;  // a FAT12 longer than its one block
   m_nWriteDelay = 0;
   m_pNewest = nullptr;
-  if (!m_Cache.Create(this)) return STATUS_NO_MEMORY;
+  if (!m_Cache.Create(this) || !AllocBlocks()) return STATUS_NO_MEMORY;
   return m_Bitmap.LoadBitmapFromTable(this, bits, m_nEntries);
 }
 
 int CFatTable::Destory() {
   const int status = FlushWriteDelay();
   m_Cache.Destory();
+  FreeBlocks();
   m_Bitmap.FreeMem();
   m_nWriteDelay = 0;
   return status;
@@ -137,15 +143,13 @@ int CFatTable::ReadCachedBlock(unsigned int block, CACHE_BLK*& out) {
   CACHE_BLK* found = m_Cache.FindEntry(block);
   int status = STATUS_SUCCESS;
   if (found == nullptr) {
-    found = CACHE_BLK::Alloc();
-    if (found == nullptr) return STATUS_NO_MEMORY;
+    found = m_ppFreeBlks[m_nFreeBlks - 1];
     found->m_nRefNo = block;
+    found->m_bDirty = false;
     found->m_nSector = Volume()->FatStartSector() + (block << m_nBlkSectShift);
     status = Volume()->ReadSectors(found->m_Data, found->m_nSector, GetCcBlkSects(block));
-    if (status < 0) {
-      found->Release();
-      return status;
-    }
+    if (status < 0) return status;
+    --m_nFreeBlks;
     m_Cache.AddEntry(found);
   }
   m_pNewest = found;

@@ -36,18 +36,14 @@ class CFatTable {
   static constexpr unsigned int WRITE_DELAY_SLOTS = 4;
 
   /// One cached block of the FAT.
-  struct CACHE_BLK : OS_ALLOCATED {
+  struct CACHE_BLK {
     unsigned int m_nRefNo;   // block number: FAT bytes from m_nRefNo x 256 KiB
     unsigned int m_nSector;  // sector on the medium of its first byte
     bool m_bDirty;           // changed since it was last written
-    unsigned char* m_Data;   // BLOCK_BYTES; the first GetCcBlkSects(m_nRefNo) sectors are the medium's, the rest is 0
-    void* m_pMemory;         // the allocation that holds m_Data
+    unsigned char* m_Data;   // BLOCK_BYTES, page-aligned; the first GetCcBlkSects(m_nRefNo) sectors are the medium's
 
-    /// @return a clean block, or null when memory runs out
-    static CACHE_BLK* Alloc();
-    /// Writes the block back if it is dirty (whether that works or not), takes it off the write-delay list, frees it.
+    /// Writes the block back if it is dirty (whether that works or not), takes it off the write-delay list, gives it back.
     static void Free(CACHE_BLK* block, CFatTable* table);
-    void Release();
   };
 
   /// Prepares the cache and builds the free-cluster bitmap from the whole FAT.
@@ -113,6 +109,8 @@ class CFatTable {
   static int _WriteNextClusterNo_Fat32(CFatTable* table, unsigned int cluster, unsigned int value);
 
   bool IsCluster(unsigned int n) const { return n >= FIRST_CLUSTER && n < m_nEntries; }
+  bool AllocBlocks();
+  void FreeBlocks();
   int ReadCachedBlock(unsigned int block, CACHE_BLK*& out);
   int WriteCachedBlock(CACHE_BLK* block);
   int FlushWriteDelay();
@@ -131,6 +129,10 @@ class CFatTable {
   CACHE_BLK* m_pWriteDelayBlks[WRITE_DELAY_SLOTS];
   CFatBitmap m_Bitmap;
   unsigned int m_nEntries;       // clusters + 2
+  void* m_pBlockMem;             // the data of all blocks; they take memory when they are first used
+  CACHE_BLK* m_pBlks;            // one more than the cache holds: a block is read before its victim is written back
+  CACHE_BLK** m_ppFreeBlks;      // stack of those that are not cached
+  unsigned int m_nFreeBlks;
   CACHE_BLK* m_pNewest;          // the most recently used block, so that runs of accesses skip the hash; or null
 };
 

@@ -142,7 +142,7 @@ class CRuns {
   /// it at both ends of the batch, not inside it.
   /// @param batch  element 0 holds the starting VBN in NextVbn, elements 1 .. n are the runs. Not part of this map.
   bool AddEntries(const MAPPING* batch, int n);
-  /// Maps the range to `lbn` onwards, whatever was there; beyond the end like AddEntry.
+  /// Maps the range to `lbn` onwards, whatever was there, merging with the neighbours; beyond the end like AddEntry.
   /// @return false also when the range lies inside one run, neither first nor last in it, and that run starts at `lbn`:
   ///         a hole needs no change then, and a run of clusters gets none
   bool ModifyEntry(unsigned vbn, unsigned count, unsigned lbn);

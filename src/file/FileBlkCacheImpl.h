@@ -8,7 +8,6 @@
 
 template <class OWNER>
 typename CFileBlkCache<OWNER>::CFileBlkPool* CFileBlkCache<OWNER>::CFileBlkPool::Create(unsigned int blocks) {
-  constexpr unsigned int PAGE = 4096;
   CFileBlkPool* pool = new CFileBlkPool;
   if (pool == nullptr) return nullptr;
   pool->m_nTotal = blocks;
@@ -16,14 +15,12 @@ typename CFileBlkCache<OWNER>::CFileBlkPool* CFileBlkCache<OWNER>::CFileBlkPool:
   InitListHead(&pool->m_LruList);
   pool->m_pBlocks = static_cast<FILE_BLOCK*>(osMemAllocArray(blocks, sizeof(FILE_BLOCK)));
   pool->m_ppFreeBlocks = static_cast<FILE_BLOCK**>(osMemAllocArray(blocks, sizeof(FILE_BLOCK*)));
-  // Zeroed by the kernel page by page as it is used: a pool that is hardly used costs hardly anything.
-  pool->m_pBlockMem = osMemAllocZeroed(static_cast<std::size_t>(blocks) * BLOCK_BYTES + PAGE);
+  // Zeroed by the kernel as it is used: a pool that is hardly used costs hardly anything.
+  unsigned char* data = osMemAllocBlocks(static_cast<std::size_t>(blocks) * BLOCK_BYTES, pool->m_pBlockMem);
   if (pool->m_pBlocks == nullptr || pool->m_ppFreeBlocks == nullptr || pool->m_pBlockMem == nullptr) {
     pool->Destory();
     return nullptr;
   }
-  const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(pool->m_pBlockMem);
-  unsigned char* data = static_cast<unsigned char*>(pool->m_pBlockMem) + (PAGE - address % PAGE);
   for (unsigned int i = 0; i < blocks; ++i) {
     FILE_BLOCK& block = pool->m_pBlocks[i];
     block = FILE_BLOCK();

@@ -3,6 +3,8 @@
 
 #include "platform/Platform.h"
 
+#include <sys/mman.h>
+
 #include <climits>
 #include <clocale>
 #include <cstdlib>
@@ -17,6 +19,16 @@ void* osMemAllocArray(std::size_t count, std::size_t size) {
 }
 
 void* osMemAllocZeroed(std::size_t size) { return g_OsServices.pfnCalloc(size, 1); }
+
+unsigned char* osMemAllocBlocks(std::size_t size, void*& memory) {
+  constexpr std::size_t HUGE_PAGE = 2 * 1024 * 1024;
+  memory = size > SIZE_MAX - HUGE_PAGE ? nullptr : osMemAllocZeroed(size + HUGE_PAGE);
+  if (memory == nullptr) return nullptr;
+  const std::size_t misaligned = reinterpret_cast<std::uintptr_t>(memory) % HUGE_PAGE;
+  unsigned char* aligned = static_cast<unsigned char*>(memory) + (HUGE_PAGE - misaligned);
+  (void)madvise(aligned, size, MADV_HUGEPAGE);  // a wish: without huge pages everything works the same
+  return aligned;
+}
 
 void* osMemRealloc(void* memory, std::size_t size) { return g_OsServices.pfnRealloc(memory, size); }
 
