@@ -90,9 +90,9 @@ CDirEntCache::~CDirEntCache() {
 void CDirEntCache::DropRecords() {
   m_Names.Terminate();
   while (!IsListEmpty(&m_Records)) {
-    DENTCTX* record = static_cast<DENTCTX*>(m_Records.Flink);
-    (void)RemoveEntryList(record);
-    FreeDent(record);
+    _LST_ENTRY* link = m_Records.Flink;
+    (void)RemoveEntryList(link);
+    FreeDent(&static_cast<DENTCTX&>(*link));
   }
   for (unsigned int slot = 0; slot < m_nSlotRoom; ++slot) m_ppSlots[slot] = nullptr;
 }

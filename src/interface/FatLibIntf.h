@@ -25,6 +25,14 @@
 ///    to such a volume; format with a few clusters more or fewer.
 ///  - A new directory's first cluster is cleared up to 256 KiB only. With 512 KiB clusters (4096-byte sectors, 128 per
 ///    cluster) its second half keeps old bytes; format with smaller clusters.
+///  - A new name that needs more directory slots in one piece than are free together makes the library slide other
+///    entries together. Some of those are then remembered at their old places, and deleting or changing one hits another.
+///    After deleting and creating many names in one directory, unmount and mount again before going on.
+///  - The library remembers 160 objects. One that is still open when others push it out, and is opened again, exists
+///    twice, and the two do not see each other's unsaved data. Keep handles no longer than needed.
+///  - Names are compared by three hashes and their length: two names of one directory that agree in all four are one.
+///  - A failed write drops that block's changes, and the call that reports it may be one for another file. Stop using a
+///    volume after the first failed write.
 ///  - A device that was opened stays open when the boot sector is then refused: a host that probes many images leaks one
 ///    descriptor per refusal. Test the boot sector first where that matters.
 
@@ -134,7 +142,8 @@ FATLIB_API int Fat_OpenFile(unsigned short* path);
 /// @param attributes  low byte only; the directory bit is ignored. 0x08 and 0x0F make an entry that other systems do
 ///                    not see as a file.
 /// @return a handle; -1 when the path is invalid or exists, when 160 files are open, when the disk or directory is
-///         full, or on an I/O failure. Parent directories made before the failure stay.
+///         full, or on an I/O failure. Parent directories made before the failure stay. When the size cannot be given, the
+///         name cannot be created again before the next mount.
 FATLIB_API int Fat_CreateFile(unsigned short* path, unsigned int size, unsigned int attributes);
 
 /// Closes a handle. The object stays in the library's cache, and nothing is written.
@@ -144,7 +153,10 @@ FATLIB_API unsigned int Fat_CloseFile(int handle);
 FATLIB_API unsigned int Fat_GetFileSize(int handle, unsigned int* size);
 
 /// Grows or shrinks a file. New clusters keep what the disk held; shrinking frees clusters, size 0 all of them.
-/// Not to be used on a directory: its size counts as 0 here, so that shrinking drops its entries.
+/// Not to be used on a directory: its size counts as 0 here, so that shrinking drops its entries. Nor on a file that another
+/// system made larger than 2^32 minus the cluster size: shrinking grows it.
+/// Through a handle whose path was renamed or moved meanwhile the call fails after the clusters were changed, or, when a new
+/// file has taken the old name, changes the entry of that file.
 /// @param size  bytes, at most 2^32 minus the cluster size.
 /// @return 0 when the size is too large (nothing changed), the disk is full, or on an I/O failure.
 FATLIB_API unsigned int Fat_SetFileSize(int handle, unsigned int size);

@@ -1,0 +1,47 @@
+# Common tasks in one word. `make help` lists them. PRESET chooses the build: i386-release (the default), i386-asan,
+# x64-release or x64-asan.
+
+PRESET ?= i386-release
+PREFIX ?= /usr/local
+JOBS   ?= $(shell nproc)
+
+BUILD := build/$(PRESET)
+# mkfs.fat is outside the path of a normal user on Debian.
+export PATH := $(PATH):/usr/sbin:/sbin
+
+.PHONY: all help setup configure build demo test bench install format clean
+
+all: build ## the same as build
+
+help: ## list these targets
+	@echo 'Targets (PRESET=$(PRESET)):'
+	@sed -nE 's/^([a-z]+):.* ## (.*)/  make \1 - \2/p' Makefile
+
+setup: ## install the Debian packages that are missing
+	@scripts/setup
+
+configure: setup
+	@cmake --preset $(PRESET)
+
+build: configure ## build the library, the tools, the tests and the benchmark
+	@cmake --build --preset $(PRESET) --parallel $(JOBS)
+
+demo: build ## make real FAT images, read everything back and compare
+	@FATLIB_BUILD=$(BUILD) scripts/demo
+
+test: build ## run the tests
+	@ctest --preset $(PRESET) --parallel $(JOBS)
+
+bench: configure ## run the benchmark
+	@cmake --build --preset $(PRESET) --parallel $(JOBS) --target fatlib_bench
+	@$(BUILD)/bench/fatlib_bench
+
+install: configure ## install headers and library under PREFIX (default /usr/local)
+	@cmake --build --preset $(PRESET) --parallel $(JOBS) --target fatlib
+	@cmake --install $(BUILD) --prefix $(PREFIX)
+
+format: ## format the sources with clang-format
+	@git ls-files -z '*.c' '*.cpp' '*.h' | xargs -0 clang-format -i
+
+clean: ## remove everything that was built
+	@rm -rf build
