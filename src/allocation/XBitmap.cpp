@@ -279,14 +279,12 @@ unsigned CBitmap::Find_1_Bits_Clear(unsigned count, unsigned hint) {
 
 unsigned CBitmap::FindBits(unsigned count, unsigned hint, WORD want) const {
   if (count == 0 || count > m_nBits) return NOT_FOUND;
-  if (hint >= m_nBits) hint = 0;
   const unsigned lastStart = m_nBits - count;
-  if (hint <= lastStart) {
-    const unsigned start = FirstFit(count, hint, lastStart, want);
-    if (start != NOT_FOUND) return start;
-  }
-  if (hint == 0) return NOT_FOUND;
-  return FirstFit(count, 0, hint - 1 < lastStart ? hint - 1 : lastStart, want);
+  // No run fits from behind the last start on: such a hint leaves all to the second pass, as one beyond the map must.
+  if (hint > lastStart) return FirstFit(count, 0, lastStart, want);
+  const unsigned start = FirstFit(count, hint, lastStart, want);
+  if (start != NOT_FOUND || hint == 0) return start;
+  return FirstFit(count, 0, hint - 1, want);
 }
 
 /// The lowest start of `count` consecutive wanted bits from `from` on. Only bits that a run starting at or below

@@ -155,7 +155,7 @@ unsigned CRuns::IndexOf(unsigned vbn) const {
   unsigned i = m_nLastHit;
   if (i < m_nEntries && m_pMappings[i - 1].NextVbn <= vbn) {
     if (vbn < m_pMappings[i].NextVbn) return i;
-    if (++i < m_nEntries && vbn < m_pMappings[i].NextVbn) return m_nLastHit = i;
+    if (vbn < m_pMappings[++i].NextVbn) return m_nLastHit = i;  // there is one: the VBN is below the end
   }
   return m_nLastHit = _FindIndex(m_pMappings, m_nEntries, vbn);
 }

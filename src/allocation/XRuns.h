@@ -14,7 +14,7 @@
 /// so run numbers, as taken and returned by everything below, go from 1 to NumberOfRuns(). An LBN with its top bit set
 /// is a marker (a hole, for one) and stands for itself at every offset of its run; real LBNs end at 0x7FFFFFFF.
 ///
-/// Invariants (CheckMapping tests them):
+/// Invariants (CheckMapping tests what the array itself can tell of them):
 ///   1. element 0 is the sentinel;
 ///   2. NextVbn strictly increases along the array;
 ///   3. no run of real LBNs passes 0x7FFFFFFF;
