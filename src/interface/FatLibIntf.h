@@ -90,7 +90,7 @@ typedef struct WIN_FIND_DATA {
 FATLIB_API void Fat_LibInitialize(void);
 
 /// Stops the library and frees its caches. Unmount every volume first: a volume still mounted is dropped without
-/// writing its unsaved changes, and its storage object is not closed.
+/// writing its unsaved changes, and its storage object is not closed (call its Close before freeing it).
 /// File systems are released here; a pointer returned by Fat_Mount names nothing afterwards.
 /// @return 1 when no file or find handle was open, else 0 (the library is stopped all the same; handles left open stay
 ///         in the tables, and can only be closed).
@@ -114,7 +114,8 @@ FATLIB_API CFatFileSystem* Fat_Mount(CVolumeStorage* storage, void* parameter);
 /// Handles still open on the volume stay in the table, but every function on them fails, except closing.
 /// The current file system is not changed: set another one, or mount, before the next path function.
 /// @return 1; 0 when the file system is null or not mounted (any more), or when the FAT could not be written: then the
-///         volume is dropped as it is, its storage not closed, and cannot be used again either.
+///         volume is dropped as it is and cannot be used again either. Its storage is not closed: call the object's Close
+///         before freeing it.
 FATLIB_API unsigned int Fat_Unmount(CFatFileSystem* fileSystem);
 
 /// Makes a mounted file system the current one, on which every path function and every handle function works.

@@ -64,6 +64,8 @@ class CVolumeReader {
   std::uint32_t Clusters() const { return m_nClusters; }
   std::uint32_t FreeClusters() const { return m_nFree; }
   unsigned int ClusterBytes() const { return m_nClusterBytes; }
+  /// Byte position of a cluster (2 or more) on the medium.
+  std::uint64_t ClusterOffset(std::uint32_t cluster) const;
   /// The FSInfo sector's two counters; 0 on FAT12 and FAT16.
   std::uint32_t FsInfoFree() const { return m_nFsInfoFree; }
   std::uint32_t FsInfoNext() const { return m_nFsInfoNext; }
@@ -77,7 +79,6 @@ class CVolumeReader {
   bool ReadGeometry(unsigned int fatBits);
   void LoadFat();
   void CompareFats();
-  std::uint64_t ClusterOffset(std::uint32_t cluster) const;
   std::vector<std::uint32_t> ChainOf(std::uint32_t first, const std::string& owner);
   std::vector<unsigned char> DirectoryBytes(const std::vector<std::uint32_t>& clusters) const;
   void ReadDirectory(const std::string& prefix, const std::vector<unsigned char>& bytes, bool root,
