@@ -13,7 +13,7 @@
 template <class BLOCK, class OWNER, unsigned int ENTRIES, unsigned int BUCKETS>
 class CLruHash {
  public:
-  CLruHash() : m_pEntries(nullptr), m_nUsed(0), m_pOwner(nullptr) { InitListHead(&m_LruList); }
+  CLruHash() : m_pEntries(nullptr), m_nUsed(0), m_ppBuckets(nullptr), m_pOwner(nullptr) { InitListHead(&m_LruList); }
   CLruHash(const CLruHash&) = delete;
   CLruHash& operator=(const CLruHash&) = delete;
 
@@ -23,9 +23,11 @@ class CLruHash {
     m_pOwner = owner;
     m_nUsed = 0;
     InitListHead(&m_LruList);
-    for (ENTRY*& bucket : m_pBuckets) bucket = nullptr;
     m_pEntries = static_cast<ENTRY*>(osMemAllocArray(ENTRIES, sizeof(ENTRY)));
-    return m_pEntries != nullptr;
+    m_ppBuckets = static_cast<ENTRY**>(osMemAllocZeroed(BUCKETS * sizeof(ENTRY*)));
+    if (m_pEntries != nullptr && m_ppBuckets != nullptr) return true;
+    Destory();
+    return false;
   }
 
   /// Frees every block, least recently used first, and the entries. May be called again, and on a cache never created.
@@ -36,9 +38,10 @@ class CLruHash {
       BLOCK::Free(entry->pBlock, m_pOwner);
     }
     osMemFree(m_pEntries);
+    osMemFree(m_ppBuckets);
     m_pEntries = nullptr;
+    m_ppBuckets = nullptr;
     m_nUsed = 0;
-    for (ENTRY*& bucket : m_pBuckets) bucket = nullptr;
   }
 
   /// Calls `action` with every cached block, least recently used first. The action must not use the cache.
@@ -49,7 +52,7 @@ class CLruHash {
 
   /// @return the block of that number, now the most recently used one; null when it is not cached
   BLOCK* FindEntry(unsigned int key) {
-    for (ENTRY* entry = m_pBuckets[key % BUCKETS]; entry != nullptr; entry = entry->pNext) {
+    for (ENTRY* entry = m_ppBuckets[key % BUCKETS]; entry != nullptr; entry = entry->pNext) {
       if (entry->pBlock->m_nRefNo != key) continue;
       MoveToTailList(&m_LruList, &entry->Link);
       return entry->pBlock;
@@ -70,7 +73,7 @@ class CLruHash {
       BLOCK::Free(entry->pBlock, m_pOwner);
     }
     entry->pBlock = block;
-    ENTRY*& bucket = m_pBuckets[block->m_nRefNo % BUCKETS];
+    ENTRY*& bucket = m_ppBuckets[block->m_nRefNo % BUCKETS];
     entry->pNext = bucket;
     bucket = entry;
     InsertTailList(&m_LruList, &entry->Link);
@@ -86,7 +89,7 @@ class CLruHash {
   static ENTRY* EntryOf(_LST_ENTRY* link) { return FATLIB_CONTAINER_OF(link, ENTRY, Link); }
 
   void Unchain(ENTRY* entry) {
-    ENTRY** link = &m_pBuckets[entry->pBlock->m_nRefNo % BUCKETS];
+    ENTRY** link = &m_ppBuckets[entry->pBlock->m_nRefNo % BUCKETS];
     while (*link != entry) link = &(*link)->pNext;
     *link = entry->pNext;
   }
@@ -94,7 +97,7 @@ class CLruHash {
   ENTRY* m_pEntries;           // ENTRIES of them, handed out in order and then recycled by eviction
   _LST_ENTRY m_LruList;        // entries in use, least recently used first
   unsigned int m_nUsed;        // entries handed out so far
-  ENTRY* m_pBuckets[BUCKETS];  // chains by block number; BUCKETS is a prime
+  ENTRY** m_ppBuckets;         // BUCKETS chains by block number, a prime
   OWNER* m_pOwner;
 };
 

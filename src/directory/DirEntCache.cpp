@@ -131,9 +131,8 @@ void CDirEntCache::Unpin(DENTCTX* record) {
   if (--record->nPins == 0 && record->bFreed) osMemFree(record);
 }
 
-// The pointers below a slot are allocated with it: `slot` must be below the capacity.
-int CDirEntCache::EnsureSlotRoom(unsigned int slot) {
-  if (slot < m_nSlotRoom) return STATUS_SUCCESS;
+int CDirEntCache::ReserveSlots(unsigned int slot) {
+  if (slot < m_nSlotRoom || slot >= m_nCapacity) return STATUS_SUCCESS;
   unsigned int room = m_nSlotRoom == 0 ? FIRST_SLOT_ROOM : m_nSlotRoom;
   while (room <= slot) room *= 2;
   if (room > m_nCapacity) room = m_nCapacity;
@@ -144,11 +143,11 @@ int CDirEntCache::EnsureSlotRoom(unsigned int slot) {
   return STATUS_SUCCESS;
 }
 
-int CDirEntCache::AddRecord(const CDirEnt& entry, unsigned int index, unsigned int count, const unsigned short* name,
-                            DENTCTX*& record) {
+int CDirEntCache::MakeRecord(const CDirEnt& entry, unsigned int count, const unsigned short* name, DENTCTX*& record) {
   TriHashIdx key;
   key.CalcHash(name);
   const unsigned int nameUnits = key.NameChars() + 1;
+  if (!m_Names.Reserve()) return STATUS_NO_MEMORY;
   DENTCTX* added = AllocDent(nameUnits);
   if (added == nullptr) return STATUS_NO_MEMORY;
   unsigned short* text = added->m_pName;
@@ -157,15 +156,18 @@ int CDirEntCache::AddRecord(const CDirEnt& entry, unsigned int index, unsigned i
   osMemCpy(text, name, (nameUnits - 1) * static_cast<unsigned int>(sizeof(unsigned short)));
   text[nameUnits - 1] = 0;
   added->ShortEntry = entry;
-  added->nShortIdx = index;
   added->nLongCount = count;
-  const int status = ReserveInsert(added->FirstSlot());
-  if (status < 0) {
-    osMemFree(added);
-    return status;
-  }
-  InsertDirEnts(added);
   record = added;
+  return STATUS_SUCCESS;
+}
+
+int CDirEntCache::AddRecord(const CDirEnt& entry, unsigned int index, unsigned int count, const unsigned short* name,
+                            DENTCTX*& record) {
+  int status = ReserveSlots(index - count);
+  if (status >= 0) status = MakeRecord(entry, count, name, record);
+  if (status < 0) return status;
+  record->nShortIdx = index;
+  InsertDirEnts(record);
   return STATUS_SUCCESS;
 }
 
@@ -184,11 +186,6 @@ void CDirEntCache::RemoveDirEnts(DENTCTX* record) {
   if (first < m_nSlotRoom) m_ppSlots[first] = nullptr;
   m_Names.Remove(record);
   (void)RemoveEntryList(record);
-}
-
-int CDirEntCache::ReserveInsert(unsigned int firstSlot) {
-  if (!m_Names.Reserve()) return STATUS_NO_MEMORY;
-  return firstSlot < m_nCapacity ? EnsureSlotRoom(firstSlot) : STATUS_SUCCESS;
 }
 
 void CDirEntCache::InsertDirEnts(DENTCTX* record) {
@@ -367,7 +364,9 @@ int CDirEntCache::Load(SOURCE& source) {
 
 int CDirEntCache::LoadAllDirEnts(CFatDir* dir) {
   const unsigned long long slots = dir->AllocBytes() / DIRENT_SIZE;
-  int status = Grow(slots < MAX_DIRECTORY_SLOTS ? static_cast<unsigned int>(slots) : MAX_DIRECTORY_SLOTS);
+  // What is not kept of a regular file must not count as free either: new entries would go over its bytes.
+  const unsigned int most = dir->IsDir() ? MAX_DIRECTORY_SLOTS : MAX_SLOTS;
+  int status = Grow(slots < most ? static_cast<unsigned int>(slots) : most);
   if (status < 0) return status;
   if (dir->IsDir()) {
     CDirectorySource source(dir);

@@ -55,6 +55,9 @@ class CDirEntCache : public OS_ALLOCATED {
   [[nodiscard]] int AddShortDirEnt(const CDirEnt& entry, unsigned int index, DENTCTX*& record);
   [[nodiscard]] int AddLongDirEnt(const CDirEnt& entry, unsigned int index, unsigned int count, const unsigned short* name,
                                   DENTCTX*& record);
+  /// Makes a record that is in no cache yet, so that InsertDirEnts of it cannot fail; its short index is for the caller to
+  /// set. @return STATUS_NO_MEMORY
+  [[nodiscard]] int MakeRecord(const CDirEnt& entry, unsigned int count, const unsigned short* name, DENTCTX*& record);
   /// Frees a record that is in no cache, or marks it when a search stands on it.
   static void FreeDent(DENTCTX* record);
   // A search holds on to the record it stands on.
@@ -63,9 +66,12 @@ class CDirEntCache : public OS_ALLOCATED {
 
   /// Takes a record out of the cache. It is not freed, and its slots stay used.
   void RemoveDirEnts(DENTCTX* record);
-  /// Makes sure that InsertDirEnts of a set that starts at this slot finds memory. @return STATUS_NO_MEMORY
-  [[nodiscard]] int ReserveInsert(unsigned int firstSlot);
-  /// Puts a record in: one that was taken out of this cache, or after ReserveInsert.
+  /// Makes sure that InsertDirEnts of any record finds memory, in slots that were reserved. @return STATUS_NO_MEMORY
+  [[nodiscard]] int ReserveInsert() { return m_Names.Reserve() ? STATUS_SUCCESS : STATUS_NO_MEMORY; }
+  /// Makes sure that a set may start at any slot up to this one. @return STATUS_NO_MEMORY
+  [[nodiscard]] int ReserveSlots(unsigned int lastSlot);
+  /// Puts a record in: one that was taken out of this cache; or one from MakeRecord, or after ReserveInsert, in reserved
+  /// slots.
   void InsertDirEnts(DENTCTX* record);
 
   /// Steps through the records in slot order: to the first one from null, else to the next one after the record's own
@@ -84,6 +90,9 @@ class CDirEntCache : public OS_ALLOCATED {
 
   // --- slots -------------------------------------------------------------------------------------------------------
 
+  /// Looks at the bytes of a regular file that were kept raw, which any use of the cache does too, but without a way to say
+  /// that memory ran out: to be called before. @return STATUS_NO_MEMORY, and a later call tries again
+  [[nodiscard]] int Prepare() { return EnsureParsed(); }
   unsigned int Slots() { return EnsureParsed() < 0 ? 0 : m_nSlots; }
   unsigned int FreeSlots() { return EnsureParsed() < 0 ? 0 : m_nSlots - m_nUsedSlots; }
   /// @param first  out: first of the lowest n consecutive free slots, or CBitmap::NOT_FOUND
@@ -115,7 +124,6 @@ class CDirEntCache : public OS_ALLOCATED {
   static DENTCTX* AllocDent(unsigned int nameUnits);
   int AddRecord(const CDirEnt& entry, unsigned int index, unsigned int count, const unsigned short* name,
                 DENTCTX*& record);
-  int EnsureSlotRoom(unsigned int slot);
   int EnsureParsed() { return m_pRaw == nullptr ? STATUS_SUCCESS : ParseRaw(); }
   int ParseRaw();
   int ScanRegularFile(CFatDir* file);

@@ -82,6 +82,8 @@ int CFatDir::WriteSlots(unsigned int first, unsigned int count, CDirEnt* entries
 
 int CFatDir::AllocDirEntsByBitmap(unsigned int n, unsigned int* first) {
   if (m_pDirEntCache == nullptr) return STATUS_DISK_FULL;
+  const int prepared = m_pDirEntCache->Prepare();
+  if (prepared < 0) return prepared;
   const unsigned int nFree = m_pDirEntCache->FreeSlots();
   if (n > nFree) {
     const unsigned int missing = n - nFree;
@@ -94,7 +96,12 @@ int CFatDir::AllocDirEntsByBitmap(unsigned int n, unsigned int* first) {
   }
   unsigned int found;
   int status = m_pDirEntCache->FindFreeSlots(n, found);
-  if (status >= 0 && found == CBitmap::NOT_FOUND) status = MakeRoom(n, found);
+  if (status >= 0 && found == CBitmap::NOT_FOUND) {
+    // Memory first: once slots are slid, nothing may fail for want of it.
+    status = m_pDirEntCache->ReserveSlots(m_pDirEntCache->Slots() - 1);
+    if (status >= 0) status = MakeRoom(n, found);
+  }
+  if (status >= 0) status = m_pDirEntCache->ReserveSlots(found);
   if (status >= 0) status = m_pDirEntCache->MarkUsed(found, n);
   if (status >= 0) *first = found;
   return status;
@@ -184,18 +191,23 @@ int CFatDir::CreateNewDirEnts(const unsigned short* name, unsigned char attribut
       entries[i].ToLfn()->Initialize(i == 0 ? ordinal | LFN_LAST : ordinal,
                                      context.szLongName + (ordinal - 1) * LFN_UNITS, checksum);
     }
+    context.szLongName[context.nLongChars] = 0;  // ends the name where the 0xFFFF filling began
   }
   entries[k].Initialize(context.ShortName, attribute, size, cluster);
+  // All memory is taken before slots may be slid: a rename that fails must find its old slots as it left them.
+  DENTCTX* made;
+  const SHORT_NAME_KEY shortKey(context.ShortName);
+  status = m_pDirEntCache->MakeRecord(entries[k], k, k > 0 ? context.szLongName : shortKey.Units, made);
+  if (status < 0) return status;
   unsigned int first;
   status = AllocDirEntsByBitmap(k + 1, &first);
-  if (status < 0) return status;
-  context.szLongName[context.nLongChars] = 0;  // ends the name where the 0xFFFF filling began
-  status = k > 0 ? m_pDirEntCache->AddLongDirEnt(entries[k], first + k, k, context.szLongName, record)
-                 : m_pDirEntCache->AddShortDirEnt(entries[k], first, record);
   if (status < 0) {
-    m_pDirEntCache->MarkFree(first, k + 1);
+    CDirEntCache::FreeDent(made);
     return status;
   }
+  made->nShortIdx = first + k;
+  m_pDirEntCache->InsertDirEnts(made);
+  record = made;
   return WriteSlots(first, k + 1, entries);  // the set stays in the cache even if this fails
 }
 
@@ -204,7 +216,10 @@ int CFatDir::CreateNewFile(const unsigned short* name, unsigned char attribute, 
   int status = CreateNewDirEnts(name, static_cast<unsigned char>(attribute & ~ATTR_DIRECTORY), 0, 0, record);
   if (status < 0) return status;
   CFatFile* created = CFatFileSystem::CreateFileObj(Volume(), record, false);
-  if (created == nullptr) return STATUS_FILE_CORRUPT;
+  if (created == nullptr) {
+    DropNewDirEnts(record);
+    return STATUS_FILE_CORRUPT;
+  }
   if (size != 0) {
     status = created->SetSize(size, this, record);
     if (status < 0) {
@@ -228,12 +243,15 @@ int CFatDir::CreateSubDir(const unsigned short* name, unsigned char attribute, C
   DENTCTX* record;
   status = CreateNewDirEnts(name, static_cast<unsigned char>(attribute | ATTR_DIRECTORY), 0, cluster, record);
   if (status < 0) {
-    (void)fat->WriteNextClusterNo(cluster, FAT_FREE);  // the first failure is the one to report
-    fat->RecycleOneCluster(cluster);
+    FreeCluster(cluster);
     return status;
   }
   CFatDir* created = static_cast<CFatDir*>(CFatFileSystem::CreateDirObj(Volume(), record, false));
-  if (created == nullptr) return STATUS_FILE_CORRUPT;
+  if (created == nullptr) {
+    DropNewDirEnts(record);
+    FreeCluster(cluster);
+    return STATUS_FILE_CORRUPT;
+  }
   CDirEnt dots[2];
   created->ConstructDotDirEnt(&dots[0], &dots[1], IsRoot() ? 0 : FirstCluster());
   created->m_pDirEntCache = new CDirEntCache;
@@ -243,10 +261,29 @@ int CFatDir::CreateSubDir(const unsigned short* name, unsigned char attribute, C
   if (status >= 0) status = created->BlkCache().WriteFstClustOfDir(dots, sizeof(dots));
   if (status < 0) {
     (void)created->Close();
+    if (status == STATUS_NO_MEMORY) {
+      DropNewDirEnts(record);
+      FreeCluster(cluster);
+    }
     return status;
   }
   *dir = created;
   return STATUS_SUCCESS;
+}
+
+// A new entry set whose object could not be made goes again. Left there, that of a directory would name a cluster of old
+// bytes.
+void CFatDir::DropNewDirEnts(DENTCTX* record) {
+  (void)DeleteDirEnts(record->FirstSlot(), record->nLongCount + 1);  // the first failure is the one to report
+  m_pDirEntCache->RemoveDirEnts(record);
+  CDirEntCache::FreeDent(record);
+}
+
+// Gives back the one cluster of a directory that was not made.
+void CFatDir::FreeCluster(unsigned int cluster) {
+  CFatTable* fat = Volume()->FAT();
+  (void)fat->WriteNextClusterNo(cluster, FAT_FREE);  // the first failure is the one to report
+  fat->RecycleOneCluster(cluster);
 }
 
 void CFatDir::ConstructDotDirEnt(CDirEnt* dot, CDirEnt* dotdot, unsigned int parentCluster) {
@@ -302,13 +339,9 @@ int CFatDir::MoveDirEntsIntoAnother(DENTCTX* context, CFatDir* target) {
   const unsigned int n = context->nLongCount + 1;
   if (n > MAX_SET_SLOTS) return STATUS_INVALID_PARAMETER;
   unsigned int to;
-  int status = target->AllocDirEntsByBitmap(n, &to);
+  int status = target->m_pDirEntCache == nullptr ? STATUS_DISK_FULL : target->m_pDirEntCache->ReserveInsert();
+  if (status >= 0) status = target->AllocDirEntsByBitmap(n, &to);
   if (status < 0) return status;
-  status = target->m_pDirEntCache->ReserveInsert(to);
-  if (status < 0) {
-    target->m_pDirEntCache->MarkFree(to, n);
-    return status;
-  }
   // Only now: making room slides sets along, and the target may be this very directory under another path.
   const unsigned int from = context->FirstSlot();
   CDirEnt entries[MAX_SET_SLOTS];

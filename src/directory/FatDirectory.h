@@ -20,6 +20,9 @@ class CFatDir : public CFatFile {
   /// @return negative: STATUS_NO_MEMORY, or the status of a failed read; what was read before stays
   [[nodiscard]] int LoadAllDirEnts();
 
+  /// To be called before the entries are used where a regular file may stand for a directory: see CDirEntCache::Prepare.
+  /// @return STATUS_NO_MEMORY
+  [[nodiscard]] int PrepareEntries() { return m_pDirEntCache == nullptr ? STATUS_SUCCESS : m_pDirEntCache->Prepare(); }
   /// @return the record of that name, or null. Upper and lower case are one. An entry with a long name is found by that
   ///         only, never by its short alias.
   DENTCTX* LookupFile(const unsigned short* name);
@@ -30,10 +33,12 @@ class CFatDir : public CFatFile {
   void FindNext(DENTCTX*& record);
 
   /// Creates a file of `size` bytes and its object. The object has no path key yet, and one reference, the caller's.
-  /// @return negative: STATUS_DISK_FULL with nothing written, STATUS_FILE_CORRUPT without memory for the object, or that of
-  ///         a failed transfer. When the size cannot be given the entry set is deleted again, but its record stays.
+  /// @return negative: STATUS_DISK_FULL with nothing written, STATUS_FILE_CORRUPT without memory for the object (the entry
+  ///         set is gone again), or that of a failed transfer. When the size cannot be given the entry set is deleted again,
+  ///         but its record stays.
   [[nodiscard]] int CreateNewFile(const unsigned short* name, unsigned char attribute, unsigned int size, CFatFile** file);
-  /// Creates a directory with "." and "..", and its object, as CreateNewFile.
+  /// Creates a directory with "." and "..", and its object. Results as of CreateNewFile; when a block of another file that had
+  /// to make room could not be written, the entry set stays, and names a cluster of old bytes.
   [[nodiscard]] int CreateSubDir(const unsigned short* name, unsigned char attribute, CFatDir** dir);
 
   /// Gives a file of this directory a new name and fresh stamps: the old entry set is deleted, a new one made. Where that
@@ -68,6 +73,8 @@ class CFatDir : public CFatFile {
  private:
   int MoveUsedEntriesForward(unsigned int first, unsigned int count, unsigned int target);
   int MakeRoom(unsigned int n, unsigned int& first);
+  void DropNewDirEnts(DENTCTX* record);
+  void FreeCluster(unsigned int cluster);
   int ReadSlots(unsigned int first, unsigned int count, CDirEnt* entries);
   int WriteSlots(unsigned int first, unsigned int count, CDirEnt* entries);
 };

@@ -100,7 +100,8 @@ void AnalyseFullFileName(const unsigned short* name, DIRENT_NAME_CTX* context) {
   if (!converted) context->nLongChars = 0;
 }
 
-unsigned int MkShortName(unsigned char* dst, unsigned int dstMax, const unsigned short* src, unsigned int count) {
+unsigned int MkShortName(unsigned char* dst, unsigned int dstMax, unsigned int fieldSize, const unsigned short* src,
+                         unsigned int count) {
   unsigned int total = 0;
   for (unsigned int i = 0; i < count && total < dstMax; ++i) {
     const unsigned short c = src[i];
@@ -115,7 +116,8 @@ unsigned int MkShortName(unsigned char* dst, unsigned int dstMax, const unsigned
     if (n <= 0) {
       dst[total++] = '_';
     } else if (static_cast<unsigned int>(n) > dstMax - total) {
-      osMemSet(dst + total, ' ', dstMax - total);
+      const unsigned int rest = fieldSize - total;
+      osMemSet(dst + total, ' ', static_cast<unsigned int>(n) < rest ? static_cast<unsigned int>(n) : rest);
       break;
     } else {
       osMemCpy(dst + total, bytes, static_cast<unsigned int>(n));
@@ -133,13 +135,14 @@ int InventShortName(CDirEntCache* cache, DIRENT_NAME_CTX* context) {
   unsigned int baseLength = context->nLongChars;
   if (context->nLastDot >= 1) {  // a leading dot separates no extension
     const unsigned int dot = static_cast<unsigned int>(context->nLastDot);
-    (void)MkShortName(base + SHORT_BASE_SIZE, SHORT_EXTENSION_SIZE, name + dot + 1, baseLength - dot - 1);
+    (void)MkShortName(base + SHORT_BASE_SIZE, SHORT_EXTENSION_SIZE, SHORT_EXTENSION_SIZE, name + dot + 1,
+                      baseLength - dot - 1);
     baseLength = dot;
   }
   for (unsigned int i = 0; i < MAX_TRIES; ++i) {
     // The bytes of the try before stay where this one does not reach.
     const unsigned int width = s_nNumWide;
-    const unsigned int n = MkShortName(base, SHORT_BASE_SIZE - 1 - width, name, baseLength);
+    const unsigned int n = MkShortName(base, SHORT_BASE_SIZE - 1 - width, SHORT_BASE_SIZE, name, baseLength);
     if (base[0] == DIRENT_DELETED) base[0] = 0x05;
     base[n] = '~';
     osMemCpy(base + n + 1, s_szSuffixNumber + SUFFIX_DIGITS - width, width);

@@ -37,10 +37,13 @@ void AnalyseFullFileName(const unsigned short* name, DIRENT_NAME_CTX* context);
 bool ToShortName(const unsigned short* src, unsigned int count, unsigned char* dst, unsigned int dstMax, bool& converted);
 
 /// Converts as much as fits, dropping spaces and dots and replacing by "_" what a short name may not hold.
-/// @param dst  dstMax bytes; a character whose bytes would pass the end leaves spaces in the bytes that it would have
-///             taken, which do not count
+/// @param dst        the field to write to; a character whose bytes would pass dstMax leaves spaces in the bytes of the
+///                   field that it would have taken, which do not count
+/// @param dstMax     most bytes to write
+/// @param fieldSize  bytes of the field, dstMax or more
 /// @return the bytes written
-unsigned int MkShortName(unsigned char* dst, unsigned int dstMax, const unsigned short* src, unsigned int count);
+unsigned int MkShortName(unsigned char* dst, unsigned int dstMax, unsigned int fieldSize, const unsigned short* src,
+                         unsigned int count);
 
 /// Invents a short name for a name without one: what fits of its base, "~", and the next number of a counter that all
 /// directories share and that counts on for as long as the library is loaded; then the extension.

@@ -243,7 +243,8 @@ int CFatFile::OpenParentDir(CFatDir** dir, DENTCTX*& context) {
     if (status < 0) return status;
     parent = static_cast<CFatDir*>(opened);
   }
-  DENTCTX* found = parent->LookupFile(name);
+  const int prepared = parent->PrepareEntries();
+  DENTCTX* found = prepared < 0 ? nullptr : parent->LookupFile(name);
   if (found == nullptr) {
     // The root was not opened here; its count is not touched, but its offset is reset as if it had been.
     if (parentPath == nullptr) {
@@ -251,7 +252,7 @@ int CFatFile::OpenParentDir(CFatDir** dir, DENTCTX*& context) {
     } else {
       (void)parent->Close();
     }
-    return STATUS_FILE_CORRUPT;
+    return prepared < 0 ? prepared : STATUS_FILE_CORRUPT;
   }
   *dir = parent;
   context = found;

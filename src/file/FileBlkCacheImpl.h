@@ -72,7 +72,8 @@ bool CFileBlkCache<OWNER>::GlobalInitialize(unsigned int blocks) {
   s_pFileBlkPool = CFileBlkPool::Create(blocks);
   s_pBuckList = new CLookasideList(sizeof(CBlkCacheBucket), grow);
   s_SplitInfos = static_cast<SPLIT_INFO*>(osMemAllocArray(blocks + 1, sizeof(SPLIT_INFO)));
-  if (s_pFileBlkPool != nullptr && s_pBuckList != nullptr && s_SplitInfos != nullptr) return true;
+  const bool haveNodes = s_pBuckList != nullptr && s_pBuckList->FreeCount() == grow;
+  if (s_pFileBlkPool != nullptr && haveNodes && s_SplitInfos != nullptr) return true;
   GlobalTerminate();
   return false;
 }

@@ -39,11 +39,13 @@ int CFatFile::SetSize(unsigned int size, CFatDir* parent, DENTCTX* context) {
   const unsigned long long allocBefore = m_nAllocBytes;
   m_nAllocBytes = newAlloc;
   const int status = newAlloc > oldAlloc ? GrowAllocation(allocBefore, newAlloc) : ShrinkAllocation(oldAlloc, newAlloc);
+  // What the object may touch must never be more than its map holds.
+  const unsigned long long mapped = m_pVolume->Bytes64BitFromClusters(m_Runs.Length());
   if (status < 0) {
-    // What the object may touch must never be more than its map holds.
-    m_nAllocBytes = m_nFstClust == NO_CLUSTER ? allocBefore : m_pVolume->Bytes64BitFromClusters(m_Runs.Length());
+    m_nAllocBytes = m_nFstClust == NO_CLUSTER ? allocBefore : mapped;
     return status;
   }
+  if (m_nAllocBytes > mapped) m_nAllocBytes = mapped;
   if (!IsDir()) m_DirEnt.FileSize.Store(size);
   return UpdateShortDirEnt(parent, context);
 }
@@ -63,11 +65,21 @@ int CFatFile::GrowAllocation(unsigned long long oldAlloc64, unsigned int newAllo
   int status = m_pVolume->FAT()->AllocateClusters(m_pVolume->ClustersFromBytesTruncate(newAlloc - oldAlloc), &added, last);
   if (status < 0) return status;
   if (!hadClusters) SetFirstCluster(last);
-  if (!m_Runs.AppendRuns(&added)) return STATUS_FILE_CORRUPT;
-  if (!IsDir() || m_pDirEntCache == nullptr) return STATUS_SUCCESS;
-  status = m_pDirEntCache->Grow(newAlloc / DIRENT_SIZE);
-  if (status < 0) return status;
-  return ZeroNewClusters(oldAlloc, newAlloc - oldAlloc);
+  const unsigned int clustersBefore = m_Runs.Length();
+  if (!m_Runs.AppendRuns(&added)) {
+    (void)ReleaseTail(&added);  // the first failure is the one to report
+    return STATUS_FILE_CORRUPT;
+  }
+  if (!IsDir()) return STATUS_SUCCESS;
+  if (m_pDirEntCache != nullptr) status = m_pDirEntCache->Grow(newAlloc / DIRENT_SIZE);
+  if (status >= 0) status = ZeroNewClusters(oldAlloc, newAlloc - oldAlloc);
+  if (status == STATUS_NO_MEMORY) {
+    // Clusters that were not cleared must not stay in a directory: what they hold would read as entries.
+    m_Runs.Truncate(clustersBefore);
+    (void)ReleaseTail(&added);
+    if (m_pDirEntCache != nullptr) (void)m_pDirEntCache->Grow(oldAlloc / DIRENT_SIZE);
+  }
+  return status;
 }
 
 int CFatFile::ShrinkAllocation(unsigned int oldAlloc, unsigned int newAlloc) {

@@ -73,7 +73,7 @@ struct CFatFileSystem::PATH_WALK {
 };
 
 // Starts from the longest prefix of the path that is a cached object, or from the root.
-void CFatFileSystem::StartWalk(const unsigned short* path, const PATH_HASH& hash, PATH_WALK& walk, CDirRef& dir) {
+int CFatFileSystem::StartWalk(const unsigned short* path, const PATH_HASH& hash, PATH_WALK& walk, CDirRef& dir) {
   for (unsigned int n = hash.nPrefixes; n > 0; --n) {
     const PATH_HASH::PREFIX& prefix = hash.Prefixes[n - 1];
     CFileBase* cached = m_FileCache.FindDir(prefix.Idx);
@@ -81,11 +81,12 @@ void CFatFileSystem::StartWalk(const unsigned short* path, const PATH_HASH& hash
     dir.Set(static_cast<CFatDir*>(cached));
     walk.pRest = prefix.pRest;
     walk.nNextPrefix = n;
-    return;
+    return dir->PrepareEntries();
   }
   dir.Set(Root());
   walk.pRest = path;
   walk.nNextPrefix = 0;
+  return STATUS_SUCCESS;
 }
 
 // Caches a directory object under a prefix of the path, which takes over its only reference, and goes on from it.
@@ -100,15 +101,16 @@ int CFatFileSystem::EnterDirectory(DENTCTX* entry, const PATH_HASH& hash, unsign
   // Whether the entry is a directory is not asked: a path may lead below a regular file.
   CFatFile* object = CreateDirObj(this, entry, true);
   if (object == nullptr) return STATUS_FILE_CORRUPT;
-  return CacheDirectory(object, hash, prefix, dir);
+  const int status = CacheDirectory(object, hash, prefix, dir);
+  return status < 0 ? status : dir->PrepareEntries();
 }
 
 /// @param parent  out: the directory that holds the last component; referenced
 /// @param entry   out: that component's record
 int CFatFileSystem::FindFileUnCached(const unsigned short* path, const PATH_HASH& hash, CDirRef& parent, DENTCTX*& entry) {
   PATH_WALK walk;
-  StartWalk(path, hash, walk, parent);
-  for (;;) {
+  int status = StartWalk(path, hash, walk, parent);
+  while (status >= 0) {
     PATH_BUFFER component;
     DENTCTX* found = parent->LookupFile(gGetASubPath(walk.pRest, component));
     if (found == nullptr) return STATUS_NOT_FOUND;
@@ -117,9 +119,9 @@ int CFatFileSystem::FindFileUnCached(const unsigned short* path, const PATH_HASH
       return STATUS_SUCCESS;
     }
     ++walk.pRest;
-    const int status = EnterDirectory(found, hash, walk.nNextPrefix++, parent);
-    if (status < 0) return status;
+    status = EnterDirectory(found, hash, walk.nNextPrefix++, parent);
   }
+  return status;
 }
 
 int CFatFileSystem::OpenFile(const unsigned short* path, CFatFile** file) {
@@ -199,14 +201,13 @@ int CFatFileSystem::CreateFileOrDir(const unsigned short* path, CFatFile** file,
 // without looking.
 int CFatFileSystem::CreateOrOpenDir(const unsigned short* path, const PATH_HASH& hash, CDirRef& dir) {
   PATH_WALK walk;
-  StartWalk(path, hash, walk, dir);
+  int status = StartWalk(path, hash, walk, dir);
   bool creating = false;
-  while (walk.nNextPrefix < hash.nPrefixes) {
+  for (; status >= 0 && walk.nNextPrefix < hash.nPrefixes; ++walk.nNextPrefix) {
     PATH_BUFFER component;
     const unsigned short* name = gGetASubPath(walk.pRest, component);
     ++walk.pRest;
     DENTCTX* found = creating ? nullptr : dir->LookupFile(name);
-    int status;
     if (found != nullptr) {
       status = EnterDirectory(found, hash, walk.nNextPrefix, dir);
     } else {
@@ -215,10 +216,8 @@ int CFatFileSystem::CreateOrOpenDir(const unsigned short* path, const PATH_HASH&
       status = dir->CreateSubDir(name, 0, &created);
       if (status >= 0) status = CacheDirectory(created, hash, walk.nNextPrefix, dir);
     }
-    if (status < 0) return status;
-    ++walk.nNextPrefix;
   }
-  return STATUS_SUCCESS;
+  return status;
 }
 
 // ---------------------------------------------------------------------------------------------- time

@@ -109,7 +109,7 @@ class CFatFileSystem : public CFatVolume, public OS_ALLOCATED {
                       unsigned char attributes);
   int CreateOrOpenDir(const unsigned short* path, const PATH_HASH& hash, CDirRef& dir);
   int FindFileUnCached(const unsigned short* path, const PATH_HASH& hash, CDirRef& parent, DENTCTX*& entry);
-  void StartWalk(const unsigned short* path, const PATH_HASH& hash, PATH_WALK& walk, CDirRef& dir);
+  int StartWalk(const unsigned short* path, const PATH_HASH& hash, PATH_WALK& walk, CDirRef& dir);
   int CacheDirectory(CFatFile* object, const PATH_HASH& hash, unsigned int prefix, CDirRef& dir);
   int EnterDirectory(DENTCTX* entry, const PATH_HASH& hash, unsigned int prefix, CDirRef& dir);
   int OpenMoveTarget(const unsigned short* dest, CDirRef& target);

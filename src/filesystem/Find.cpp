@@ -39,7 +39,8 @@ FIND_CTX* CFatFileSystem::FindFirstFile(const unsigned short* path, WIN_FIND_DAT
     return nullptr;
   }
   // From no position the first step leads to the first entry.
-  if (search->m_pDir->IsDir() && FindNextFile(search, data)) return search;
+  CFatDir* dir = static_cast<CFatDir*>(search->m_pDir);
+  if (dir->IsDir() && dir->PrepareEntries() >= 0 && FindNextFile(search, data)) return search;
   CloseFindCtx(search);
   return nullptr;
 }

@@ -32,9 +32,10 @@ int CFatFileSystem::DeleteFile(const unsigned short* path) {
   CFatDir* cached = AsDir(m_FileCache.Find(path, hash));
   if (cached != nullptr) {
     if (IsOpened(cached)) return STATUS_REFUSED;
+    int status = cached->PrepareEntries();
+    if (status < 0) return status;
     if (cached->IsDir() && !cached->IsEmpty()) return STATUS_REFUSED;
     const CDirRef object(cached);
-    int status;
     {
       COpenedParent parent;
       DENTCTX* entry;
@@ -94,7 +95,7 @@ int CFatFileSystem::OpenMoveTarget(const unsigned short* dest, CDirRef& target) 
   if (dir != nullptr) {
     if (!dir->IsDir() || IsOpened(dir)) return STATUS_REFUSED;
     target.Set(dir);
-    return STATUS_SUCCESS;
+    return dir->PrepareEntries();
   }
   CFatFile* opened;
   const int status = OpenFile(dest, &opened);

@@ -20,24 +20,31 @@ CHandles<CFatFile, MAX_FILES> s_FileHandles;
 CHandles<FIND_CTX, MAX_SEARCHES> s_FindHandles;
 CFatFileSystem* s_pFatSystem = nullptr;  // the current file system, as the host set it; may name one that is gone
 
-// Every file system since the library was initialised, mounted or dead. The library owns them, so that it can tell a
-// pointer to a dead one from a live one without looking at what it points to.
-_LST_ENTRY s_FileSystems = {&s_FileSystems, &s_FileSystems};
+// Every file system since the library was initialised. The library owns them until it is terminated, so that a pointer to a
+// dead one is told from a live one without looking at what it points to, and never names another one.
+_LST_ENTRY s_Mounted = {&s_Mounted, &s_Mounted};
+_LST_ENTRY s_Dead = {&s_Dead, &s_Dead};
 
 bool IsMounted(const CFatFileSystem* fileSystem) {
-  for (_LST_ENTRY* link = s_FileSystems.Flink; link != &s_FileSystems; link = link->Flink) {
-    CFatFileSystem* known = CFatFileSystem::FromRegistryLink(link);
-    if (known == fileSystem) return known->IsMounted();
+  for (_LST_ENTRY* link = s_Mounted.Flink; link != &s_Mounted; link = link->Flink) {
+    if (CFatFileSystem::FromRegistryLink(link) == fileSystem) return true;
   }
   return false;
 }
 
 bool IsStorageInUse(const CVolumeStorage* storage) {
-  for (_LST_ENTRY* link = s_FileSystems.Flink; link != &s_FileSystems; link = link->Flink) {
-    const CFatFileSystem* known = CFatFileSystem::FromRegistryLink(link);
-    if (known->IsMounted() && known->Storage() == storage) return true;
+  for (_LST_ENTRY* link = s_Mounted.Flink; link != &s_Mounted; link = link->Flink) {
+    if (CFatFileSystem::FromRegistryLink(link)->Storage() == storage) return true;
   }
   return false;
+}
+
+// Takes a file system from the front of a list. @return null when the list is empty
+CFatFileSystem* TakeFirst(_LST_ENTRY* list) {
+  if (IsListEmpty(list)) return nullptr;
+  CFatFileSystem* first = CFatFileSystem::FromRegistryLink(list->Flink);
+  (void)RemoveEntryList(first->RegistryLink());
+  return first;
 }
 
 // ---- what opening, handle and path functions have in common
@@ -104,31 +111,37 @@ void Fat_LibInitialize() {
 }
 
 unsigned int Fat_LibTerminate() {
-  while (!IsListEmpty(&s_FileSystems)) {
-    CFatFileSystem* fileSystem = CFatFileSystem::FromRegistryLink(s_FileSystems.Flink);
-    (void)RemoveEntryList(fileSystem->RegistryLink());
-    if (fileSystem->IsMounted()) fileSystem->Abandon();
-    delete fileSystem;
+  while (CFatFileSystem* mounted = TakeFirst(&s_Mounted)) {
+    mounted->Abandon();
+    delete mounted;
   }
+  while (CFatFileSystem* dead = TakeFirst(&s_Dead)) delete dead;
   gGlobalTerminate();
   return Bool(s_FileHandles.IsEmpty() && s_FindHandles.IsEmpty());
 }
 
 CFatFileSystem* Fat_Mount(CVolumeStorage* storage, void* parameter) {
   CFatFileSystem* mounted = nullptr;
-  if (CFatFile::BLOCK_CACHE::IsInitialized() && !IsStorageInUse(storage)) {
-    mounted = new CFatFileSystem;
-    if (mounted != nullptr && !mounted->Mount(storage, parameter)) {
+  if (storage != nullptr && !IsStorageInUse(storage)) {
+    if (CFatFile::BLOCK_CACHE::IsInitialized()) mounted = new CFatFileSystem;
+    if (mounted == nullptr) {
+      ::operator delete(dynamic_cast<void*>(storage));  // as CFatFileSystem::Mount does: the host has let go of it
+    } else if (!mounted->Mount(storage, parameter)) {
       delete mounted;
       mounted = nullptr;
     }
   }
-  if (mounted != nullptr) InsertTailList(&s_FileSystems, mounted->RegistryLink());
+  if (mounted != nullptr) InsertTailList(&s_Mounted, mounted->RegistryLink());
   SetCurrentFileSystem(mounted);
   return mounted;
 }
 
-unsigned int Fat_Unmount(CFatFileSystem* fileSystem) { return Bool(IsMounted(fileSystem) && fileSystem->Unmount()); }
+unsigned int Fat_Unmount(CFatFileSystem* fileSystem) {
+  if (!IsMounted(fileSystem)) return 0;
+  (void)RemoveEntryList(fileSystem->RegistryLink());
+  InsertTailList(&s_Dead, fileSystem->RegistryLink());
+  return Bool(fileSystem->Unmount());
+}
 
 void SetCurrentFileSystem(CFatFileSystem* fileSystem) { s_pFatSystem = fileSystem; }
 

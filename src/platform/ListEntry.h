@@ -48,6 +48,8 @@ constexpr unsigned int gGetLog2Of(unsigned int x) {
   return log2;
 }
 
+constexpr bool IsPowerOfTwo(unsigned int x) { return x != 0 && (x & (x - 1)) == 0; }
+
 /// The object that embeds `entry` as its member.
 #define FATLIB_CONTAINER_OF(entry, type, member) \
   reinterpret_cast<type*>(reinterpret_cast<char*>(entry) - offsetof(type, member))

@@ -80,8 +80,12 @@ int CFatVolume::CheckGeometry(const FAT_MPB& mpb) const {
 
 int CFatVolume::Mount(CVolumeStorage* storage) {
   m_pStorage = storage;
-  FAT_MPB mpb;
+  FAT_MPB mpb = FAT_MPB();
   storage->GetMpb(&mpb);
+  // A derived back-end may be less strict with its boot sector than CFatStorage is, and need not agree with itself.
+  if (!IsPowerOfTwo(mpb.SectorsPerCluster) || mpb.BytesPerSector != storage->BytesPerSector()) {
+    return STATUS_UNRECOGNIZED_VOLUME;
+  }
   unsigned int rootCluster = NO_CLUSTER;
   unsigned int rootBytes = 0;
   SetupMpb(mpb, rootCluster, rootBytes);

@@ -22,8 +22,6 @@ constexpr unsigned long long MAX_TRANSFER_BYTES = 0x7FFFF000;  // the most that 
 // Admits the media bytes of the Fujitsu FM R boot sector. Nothing sets it; Open clears it.
 bool s_bFATFujitsuFMR = false;
 
-constexpr bool IsPowerOfTwo(unsigned int x) { return x != 0 && (x & (x - 1)) == 0; }
-
 bool IsMediaByte(unsigned char media, bool fujitsuFmr) {
   switch (media) {
     case 0xF0:
@@ -191,9 +189,20 @@ unsigned char* CFatMemory::ImageAt(long long position, unsigned int count) const
 }
 
 int CFatMemory::_ReadBytes(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count) {
-  const unsigned char* from = static_cast<CFatMemory*>(storage)->ImageAt(position, count);
+  const CFatMemory& self = *static_cast<CFatMemory*>(storage);
+  const unsigned char* from = self.ImageAt(position, count);
   if (from == nullptr) return STATUS_IO_ERROR;
-  if (count != 0) osMemCpy(buffer, from, count);
+  unsigned int n = count;
+  constexpr unsigned int BOOT_BYTES = sizeof(BOOT_SECTOR);
+  if (self.m_nVolumeBytes == VOLUME_BYTES_UNKNOWN && position == 0 && count > BOOT_BYTES) {
+    // The boot sector is being read: the image of a small volume may end before the bytes asked for.
+    const BOOT_SECTOR& boot = *reinterpret_cast<const BOOT_SECTOR*>(from);
+    const unsigned int total = boot.TotalSectors16.Load() != 0 ? boot.TotalSectors16.Load() : boot.TotalSectors32.Load();
+    const unsigned long long bytes = static_cast<unsigned long long>(total) * boot.BytesPerSector.Load();
+    if (bytes < n) n = bytes < BOOT_BYTES ? BOOT_BYTES : static_cast<unsigned int>(bytes);
+    std::memset(buffer + n, 0, count - n);
+  }
+  if (n != 0) osMemCpy(buffer, from, n);
   return STATUS_SUCCESS;
 }
 

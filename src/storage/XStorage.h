@@ -1,23 +1,25 @@
 /// @file XStorage.h
 /// The storage objects: the lowest layer, through which every byte of a volume is read and written.
 ///
-/// A host makes a CFatPartition (device or image file) or a CFatMemory (image in memory) with plain `new` and hands it to
-/// Fat_Mount with the parameter for its OpenDevice. To bring another medium, derive from CFatStorage or from one of the
-/// two back-ends, override OpenDevice and CloseDevice, and install your six transfer functions in HookIoFunctions:
+/// A host makes a CFatPartition (device or image file) or a CFatMemory (image in memory) with plain `new` and hands it
+/// to Fat_Mount with the parameter for its OpenDevice. To bring another medium, derive from CFatStorage or from one of
+/// the two back-ends, override OpenDevice and CloseDevice, and install your six transfer functions in HookIoFunctions:
 ///
 ///     class CMyStorage : public CFatStorage {
 ///      public:
 ///       int OpenDevice(void* parameter) override;   // 0 or a negative status
 ///       int CloseDevice() override;                 // 1
-///       void HookIoFunctions() override;            // set m_pfnGetMpb = &CFatStorage::_GetMpb and the six m_pfn... below
+///       void HookIoFunctions() override;            // set m_pfnGetMpb = &CFatStorage::_GetMpb and the six m_pfn...
+///       below
 ///     };
 ///
 /// Rules for transfer functions: byte 0 is the boot sector; a negative result is a failure, zero or more a success;
 /// nothing beyond the requested bytes of the buffer may be touched; the part of a read that could not be delivered is
 /// zeroed. They are called from one thread, one at a time, between Open and Close.
 ///
-/// The objects have no virtual destructor. After Fat_Unmount a host frees its object by `delete` through a pointer to the
-/// very class it made, or with `::operator delete(pointer)`; after a failed Fat_Mount the library has done the latter.
+/// The objects have no virtual destructor. After Fat_Unmount a host frees its object by `delete` through a pointer to
+/// the very class it made, or with `::operator delete(pointer)`; after a failed Fat_Mount the library has done the
+/// latter.
 
 #ifndef FATLIB_XSTORAGE_H
 #define FATLIB_XSTORAGE_H
@@ -53,9 +55,10 @@ class FATLIB_API CVolumeStorage {
   /// Installs the seven functions below.
   virtual void HookIoFunctions() = 0;
 
-  /// Opens the device, reads and checks the boot sector, and sets the sector size from it. Needs no earlier state: every
-  /// member is set here.
-  /// @return 0, or negative: the result of OpenDevice or of the read, 0xC0000017 without memory, 0xC000014F when the boot
+  /// Opens the device, reads and checks the boot sector, and sets the sector size from it. Needs no earlier state:
+  /// every member is set here.
+  /// @return 0, or negative: the result of OpenDevice or of the read, 0xC0000017 without memory, 0xC000014F when the
+  /// boot
   ///         sector is refused. After a failure past OpenDevice the device is left open, and Close must not be called.
   [[nodiscard]] int Open(void* device);
   /// Frees the sector buffer and closes the device. @return the result of CloseDevice.
@@ -63,6 +66,8 @@ class FATLIB_API CVolumeStorage {
 
   /// Sets the sector size (a power of two, in bytes) and its logarithm. The name's spelling is part of the interface.
   void CaclSectorShift(unsigned int bytes);
+  /// @return the sector size in bytes, once Open has succeeded
+  unsigned int BytesPerSector() const { return m_nBytesPerSector; }
   /// Reads the first 2048 bytes of the medium into `buffer`.
   [[nodiscard]] int ReadDbr(void* buffer);
   /// Fills a volume parameter block from the boot sector that Open read. Valid only before the first transfer after
@@ -79,19 +84,21 @@ class FATLIB_API CVolumeStorage {
   [[nodiscard]] int WriteSectors(unsigned char* buffer, long long position, unsigned int count);
 
  protected:
-  // Set by Open. A derived back-end may read all of them and sets the functions in HookIoFunctions.
-  std::intptr_t m_hDevice;        ///< the device: a file descriptor, or the address of the image as a number
-  unsigned char* m_pDbrBuf;       ///< the boot sector, later the one-sector scratch buffer of CFatPartition; null if closed
-  unsigned int m_nSectorShift;    ///< log2 of the sector size
-  unsigned int m_nBytesPerSector; ///< sector size in bytes
-  MPB_FUNCTION m_pfnGetMpb;
-  IO_FUNCTION m_pfnReadBytes;
-  IO_FUNCTION m_pfnWriteBytes;
-  IO_FUNCTION m_pfnReadBytesAligned;
-  IO_FUNCTION m_pfnWriteBytesAligned;
-  IO_FUNCTION m_pfnReadSectors;
-  IO_FUNCTION m_pfnWriteSectors;
-  unsigned long long m_nVolumeBytes;  ///< size of the volume by its boot sector; all ones until it is known
+  // Set by Open. A derived back-end may read all of them; it sets m_hDevice, if it has a use for it, in OpenDevice and
+  // the functions in HookIoFunctions.
+  std::intptr_t m_hDevice = 0;  ///< the device: a file descriptor, or the address of the image as a number
+  unsigned char* m_pDbrBuf =
+      nullptr;  ///< the boot sector, later the one-sector scratch buffer of CFatPartition; null if closed
+  unsigned int m_nSectorShift = 0;     ///< log2 of the sector size
+  unsigned int m_nBytesPerSector = 0;  ///< sector size in bytes
+  MPB_FUNCTION m_pfnGetMpb = nullptr;
+  IO_FUNCTION m_pfnReadBytes = nullptr;
+  IO_FUNCTION m_pfnWriteBytes = nullptr;
+  IO_FUNCTION m_pfnReadBytesAligned = nullptr;
+  IO_FUNCTION m_pfnWriteBytesAligned = nullptr;
+  IO_FUNCTION m_pfnReadSectors = nullptr;
+  IO_FUNCTION m_pfnWriteSectors = nullptr;
+  unsigned long long m_nVolumeBytes = 0;  ///< size of the volume by its boot sector; all ones until it is known
 };
 
 /// A medium whose first sector is a FAT boot sector.
@@ -109,8 +116,11 @@ class FATLIB_API CFatStorage : public CVolumeStorage {
 };
 
 /// A whole volume image in the host's memory. The parameter of OpenDevice is the image's address; the image must be
-/// writable and stay in place until unmount. Once the boot sector is known, a transfer that passes the end of the volume
-/// by the boot sector's count of sectors fails with 0xC0000185 and touches nothing.
+/// writable and stay in place until unmount. Its length is not told to the library: the memory must hold at least 512
+/// bytes, and as many as the boot sector says, that is, its count of sectors (16 bits at offset 19 or, when those are
+/// 0, 32 bits at offset 32) times the sector size (16 bits at offset 11). Check that before mounting an image from
+/// elsewhere. Once the boot sector is known, a transfer that passes the end of the volume by the boot sector's count of
+/// sectors fails with 0xC0000185 and touches nothing.
 class FATLIB_API CFatMemory : public CFatStorage {
  public:
   int OpenDevice(void* device) override;
@@ -130,10 +140,10 @@ class FATLIB_API CFatMemory : public CFatStorage {
   unsigned char* ImageAt(long long position, unsigned int count) const;
 };
 
-/// A device or image file. The parameter of OpenDevice is its zero-terminated path; it is opened for reading and writing
-/// and must hold the boot sector at its first byte (partition tables are not read).
-/// A read that ends early, at the end of the file, is no failure: the rest of the buffer is zeroed. A write that ends
-/// early is not noticed either. A failing read or write gives -1.
+/// A device or image file. The parameter of OpenDevice is its zero-terminated path; it is opened for reading and
+/// writing and must hold the boot sector at its first byte (partition tables are not read). A read that ends early, at
+/// the end of the file, is no failure: the rest of the buffer is zeroed. A write that ends early is not noticed either.
+/// A failing read or write gives -1.
 class FATLIB_API CFatPartition : public CFatStorage {
  public:
   int OpenDevice(void* device) override;
