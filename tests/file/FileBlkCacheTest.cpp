@@ -1611,7 +1611,7 @@ class CPair {
     const unsigned int shift = Below(2);
     for (BYTES& buffer : m_Buffers) {
       if (write && len != 0) {
-        const BYTES data = Pattern(std::min(len, 4096u), static_cast<unsigned int>(m_nWrites));
+        const BYTES data = Pattern(std::min(len, 4096u), m_nWrites);
         for (unsigned int i = 0; i < len; i += 4096) {
           std::memcpy(buffer.data() + shift + i, data.data(), std::min<std::size_t>(data.size(), len - i));
         }

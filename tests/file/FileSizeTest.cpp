@@ -1092,23 +1092,47 @@ TEST_P(FileSizeWidths, EntryRenamedMeanwhile_FailsAfterTheClustersWereChanged) {
 
 // ---------------------------------------------------------------- memory
 
-TEST_F(FileSize, NoMemoryToAppendTheNewRuns_FailsAsCorruptAndKeepsTheMap) {
-  CImageBuilder builder(SmallVolume(16));
+TEST_P(FileSizeWidths, NoMemoryToAppendTheNewRuns_FailsAsCorruptAndGivesTheClustersBack) {
+  CImageBuilder builder(SmallVolume(GetParam()));
   CLUSTERS chain;
   for (std::uint32_t c = 100; chain.size() < 15; c += 2) chain.push_back(c);  // as many runs as the first array holds
-  builder.AddFile(ROOT, "F", Content(15 * 512, 1), chain);
+  const unsigned int slot = builder.AddFile(ROOT, "F", Content(15 * 512, 1), chain);
   MountBuilt(builder);
-  COpened file(Fs(), "F");
-  Memory().FailAt(1, CMemHooks::ONCE);
-  EXPECT_EQ(file->SetSize(16 * 512, nullptr, nullptr), FILE_CORRUPT);
-  EXPECT_TRUE(Memory().Fired());
-  EXPECT_EQ(Mapped(*file), chain);
-  EXPECT_EQ(file->Size(), 15u * 512);
-  ExpectInStep(*file);
-  EXPECT_EQ(file->SetSize(16 * 512, nullptr, nullptr), 0);
-  EXPECT_EQ(file->Runs()->Length(), 16u);
-  EXPECT_EQ(file->SetSize(512, nullptr, nullptr), 0);
-  ExpectInStep(*file);
+  {
+    COpened file(Fs(), "F");
+    const unsigned int free = FreeClusters();
+    Memory().FailAt(1, CMemHooks::ONCE);
+    EXPECT_EQ(file->SetSize(16 * 512, nullptr, nullptr), FILE_CORRUPT);
+    EXPECT_TRUE(Memory().Fired());
+    EXPECT_EQ(Mapped(*file), chain);
+    EXPECT_EQ(file->Size(), 15u * 512);
+    EXPECT_EQ(FreeClusters(), free);
+    ExpectInStep(*file);
+  }
+  ExpectFat(builder, {});
+  EXPECT_EQ(EntryOnMedium(builder, ROOT, slot), builder.Entry(ROOT, slot));
+}
+
+TEST_P(FileSizeWidths, NoMemoryToClearTheNewClustersOfADirectory_GivesThemBack) {
+  CImageBuilder builder(SmallVolume(GetParam()));
+  const CImageBuilder::DIRECTORY dir = builder.AddDir(ROOT, "D", {40});
+  builder.AddFile(dir, "F");
+  MountBuilt(builder);
+  {
+    COpened opened(Fs(), "D");
+    const unsigned int free = FreeClusters();
+    EvictAllBlocks();
+    Medium().FailAt(1, FAULT_ONCE, IO_FILTER::Reads, NO_MEMORY);  // loading the block that is to be cleared
+    EXPECT_EQ(opened->SetSize(2 * 512, nullptr, nullptr), NO_MEMORY);
+    EXPECT_EQ(Mapped(*opened), CLUSTERS({40}));
+    EXPECT_EQ(opened->Limit(), 512);
+    EXPECT_EQ(opened->DirEntCache()->Slots(), 16u);
+    EXPECT_EQ(FreeClusters(), free);
+    ExpectInStep(*opened);
+    EXPECT_NE(opened.Dir()->LookupFile(CPath("F")), nullptr);
+  }
+  ExpectFat(builder, {});
+  ExpectHealthy();
 }
 
 TEST_F(FileSize, AnyAllocationFails_ObjectStaysInStepAndCanBeUsedOn) {

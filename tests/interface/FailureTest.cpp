@@ -12,6 +12,8 @@
 
 namespace {
 
+using namespace interfacetest;
+
 const auto WIDTHS = ::testing::Values(12u, 16u, 32u);
 
 // ---------------------------------------------------------------------------------------------- out of memory

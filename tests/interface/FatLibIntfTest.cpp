@@ -9,6 +9,7 @@
 #include <functional>
 #include <limits>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -16,6 +17,8 @@
 #include "interface/FatLibIntf.h"
 
 namespace {
+
+using namespace interfacetest;
 
 // One second before 1970-01-01, in units of 100 ns since 1601-01-01: what every date of a volume is converted to.
 constexpr unsigned int TIME_LOW = 0xD4A5E980;
@@ -685,5 +688,65 @@ TEST_F(InterfaceOnOneVolume, DeletedTwice_SecondTimeFails) {
   EXPECT_EQ(Fat_DeleteFile(CPath("TEN")), 0u);
   EXPECT_EQ(Fat_OpenFile(CPath("TEN")), NO_HANDLE);
 }
+
+// ---------------------------------------------------------------------------------------------- every width and
+// back-end
+
+class WholeRun : public Interface, public ::testing::WithParamInterface<std::tuple<unsigned int, BACKEND>> {};
+
+TEST_P(WholeRun, WorkOfEveryKind_LeavesAWholeVolume) {
+  const auto [bits, backend] = GetParam();
+  CDiskImage image = MakeVolume(bits);
+  CFatFileSystem* fileSystem = Mount(backend, &image);
+  ASSERT_NE(fileSystem, nullptr);
+  for (const FILE_ON_VOLUME& file : FILES_ON_VOLUME) EXPECT_EQ(ReadPath(file.Path), file.Content()) << file.Path;
+  EXPECT_EQ(List("DIR").size(), 2u);
+
+  const BYTES large = CImageBuilder::Pattern(300000, 11);  // more than one block of the cache
+  EXPECT_TRUE(WritePath("Made here\\Large file.bin", large, 0x21));
+  EXPECT_EQ(ReadPath("Made here\\Large file.bin", 7777), large);
+  const int file = Fat_OpenFile(CPath("TEN"));
+  EXPECT_EQ(Fat_SetFileSize(file, 5000), 1u);
+  EXPECT_EQ(WriteAt(file, 0, CImageBuilder::Pattern(5000, 12)), 5000);
+  EXPECT_EQ(Fat_SetFileSize(file, 4000), 1u);
+  Close({file});
+  EXPECT_EQ(Fat_CreateDir(CPath("Made here\\Empty"), 0), 1u);
+  EXPECT_EQ(Fat_CreateDir(CPath("Made here\\Gone"), 0), 1u);
+  EXPECT_EQ(Fat_DeleteFile(CPath("Made here\\Gone")), 1u);
+  EXPECT_EQ(Fat_DeleteFile(CPath("README.TXT")), 1u);
+  EXPECT_TRUE(Unmount(fileSystem));
+
+  // Renamed and moved before anything of it is cached, a file is at once known by its new path.
+  fileSystem = Mount(backend, &image);
+  ASSERT_NE(fileSystem, nullptr);
+  EXPECT_EQ(Fat_RenameFile(CPath(DEEP), CPath("Deeper than before.txt")), 1u);
+  EXPECT_EQ(Fat_MoveFile(CPath("Long name.bin"), CPath("Made here\\Empty")), 1u);
+  EXPECT_EQ(ReadPath("DIR\\Sub directory\\Deeper than before.txt"), ContentOf(DEEP));
+  EXPECT_EQ(ReadPath("Made here\\Empty\\Long name.bin"), ContentOf("Long name.bin"));
+  EXPECT_TRUE(Unmount(fileSystem));
+
+  const CVolumeReader reader(image);
+  EXPECT_EQ(reader.ProblemText(), "");
+  EXPECT_EQ(reader.LostClusters().size(), 0u);
+  EXPECT_EQ(reader.Tree().size(), 9u);
+  const std::vector<std::pair<const char*, BYTES>> expected = {
+      {"TEN", CImageBuilder::Pattern(4000, 12)},
+      {"DIR\\IN.TXT", ContentOf("DIR\\IN.TXT")},
+      {"DIR\\Sub directory\\Deeper than before.txt", ContentOf(DEEP)},
+      {"Made here\\Large file.bin", large},
+      {"Made here\\EMPTY\\Long name.bin", ContentOf("Long name.bin")}};
+  for (const auto& [path, content] : expected) {
+    ASSERT_NE(reader.Find(path), nullptr) << path;
+    EXPECT_EQ(reader.Content(*reader.Find(path)), content) << path;
+  }
+  EXPECT_EQ(reader.Find("Made here\\Large file.bin")->Attributes, 0x21u);
+}
+
+INSTANTIATE_TEST_SUITE_P(WidthsAndBackends, WholeRun,
+                         ::testing::Combine(::testing::Values(12u, 16u, 32u),
+                                            ::testing::Values(BACKEND::Memory, BACKEND::File, BACKEND::Medium)),
+                         [](const ::testing::TestParamInfo<std::tuple<unsigned int, BACKEND>>& run) {
+                           return "Fat" + std::to_string(std::get<0>(run.param)) + BackendName(std::get<1>(run.param));
+                         });
 
 }  // namespace

@@ -7,6 +7,24 @@
 #include <cstring>
 #include <new>
 
+#if defined(__SANITIZE_ADDRESS__)
+// The sanitizer brings this function, but no header for it is installed.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*mallocHook)(const volatile void*, std::size_t),
+                                                         void (*freeHook)(const volatile void*));
+#else
+// What the C++ library does, and a look at what is freed.
+void operator delete(void* memory) noexcept {
+  interfacetest::CFreeWatch::Note(memory);
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  interfacetest::CFreeWatch::Note(memory);
+  std::free(memory);
+}
+#endif
+
+namespace interfacetest {
+
 // ---------------------------------------------------------------------------------------------- watching memory
 
 const void* CFreeWatch::s_pWatched = nullptr;
@@ -19,10 +37,6 @@ void CFreeWatch::Note(const volatile void* memory) {
 }
 
 #if defined(__SANITIZE_ADDRESS__)
-
-// The sanitizer brings this function, but no header for it is installed.
-extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*mallocHook)(const volatile void*, std::size_t),
-                                                         void (*freeHook)(const volatile void*));
 
 CFreeWatch::CFreeWatch(const void* object) {
   static const int s_nInstalled =
@@ -37,16 +51,6 @@ CFreeWatch::CFreeWatch(const void* object) {
 CFreeWatch::CFreeWatch(const void* object) {
   s_bFreed = false;
   s_pWatched = object;
-}
-
-// What the C++ library does, and a look at what is freed.
-void operator delete(void* memory) noexcept {
-  CFreeWatch::Note(memory);
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-  CFreeWatch::Note(memory);
-  std::free(memory);
 }
 
 #endif
@@ -211,3 +215,5 @@ unsigned int SizeOf(int handle) {
   EXPECT_EQ(Fat_GetFileSize(handle, &size), 1u);
   return size;
 }
+
+}  // namespace interfacetest

@@ -16,6 +16,8 @@
 #include "support/LibFixture.h"
 #include "support/VolumeReader.h"
 
+namespace interfacetest {
+
 using BYTES = std::vector<unsigned char>;
 
 constexpr int NO_HANDLE = -1;
@@ -121,5 +123,7 @@ class InterfaceOnOneVolume : public Interface {
 inline std::string WidthName(const ::testing::TestParamInfo<unsigned int>& bits) {
   return "Fat" + std::to_string(bits.param);
 }
+
+}  // namespace interfacetest
 
 #endif  // FATLIB_TESTS_INTERFACEFRAME_H

@@ -18,6 +18,8 @@
 
 namespace {
 
+using namespace interfacetest;
+
 const auto WIDTHS = ::testing::Values(12u, 16u, 32u);
 
 // ---------------------------------------------------------------------------------------------- the library's start
@@ -250,7 +252,7 @@ TEST_F(Interface, OnlyReading_WritesNothingBeforeTheUnmount) {
 
 // ---------------------------------------------------------------------------------------------- two volumes
 
-class TwoVolumes : public InterfaceOnOneVolume {
+class InterfaceOnTwoVolumes : public InterfaceOnOneVolume {
  protected:
   void SetUp() override {
     InterfaceOnOneVolume::SetUp();
@@ -262,7 +264,7 @@ class TwoVolumes : public InterfaceOnOneVolume {
   CFatFileSystem* m_pOther = nullptr;
 };
 
-TEST_F(TwoVolumes, PathFunctions_WorkOnTheCurrentOne) {
+TEST_F(InterfaceOnTwoVolumes, PathFunctions_WorkOnTheCurrentOne) {
   EXPECT_EQ(Fat_CreateDir(CPath("ON32"), 0), 1u);
   SetCurrentFileSystem(m_pFileSystem);
   EXPECT_EQ(Fat_CreateDir(CPath("ON16"), 0), 1u);
@@ -272,7 +274,7 @@ TEST_F(TwoVolumes, PathFunctions_WorkOnTheCurrentOne) {
   EXPECT_TRUE(Exists("ON32"));
 }
 
-TEST_F(TwoVolumes, HandlesOfBoth_WorkWhicheverIsCurrent) {
+TEST_F(InterfaceOnTwoVolumes, HandlesOfBoth_WorkWhicheverIsCurrent) {
   const int on32 = Fat_OpenFile(CPath("TEN"));
   const int search32 = FindFirst("DIR");
   SetCurrentFileSystem(m_pFileSystem);
@@ -305,7 +307,7 @@ TEST_F(TwoVolumes, HandlesOfBoth_WorkWhicheverIsCurrent) {
   }
 }
 
-TEST_F(TwoVolumes, OneUnmounted_OtherAndItsHandlesGoOn) {
+TEST_F(InterfaceOnTwoVolumes, OneUnmounted_OtherAndItsHandlesGoOn) {
   const int on32 = Fat_OpenFile(CPath("TEN"));
   SetCurrentFileSystem(m_pFileSystem);
   const int on16 = Fat_OpenFile(CPath("TEN"));
@@ -321,7 +323,7 @@ TEST_F(TwoVolumes, OneUnmounted_OtherAndItsHandlesGoOn) {
   EXPECT_EQ(m_pMedium->TransfersWhileClosed(), 0u);
 }
 
-TEST_F(TwoVolumes, SharedPoolFull_BlocksOfTheOtherVolumeAreWrittenToTheirOwn) {
+TEST_F(InterfaceOnTwoVolumes, SharedPoolFull_BlocksOfTheOtherVolumeAreWrittenToTheirOwn) {
   // A file of more blocks than the pool has, written whole, pushes out what the other volume has in it.
   constexpr unsigned int BLOCK = 0x40000;
   constexpr unsigned int BLOCKS = 300;
@@ -643,7 +645,7 @@ TEST_F(Interface, TerminatedTwice_IsHarmless) {
   Terminated();
 }
 
-TEST_F(TwoVolumes, TerminatedWithBothMounted_BothAreDead) {
+TEST_F(InterfaceOnTwoVolumes, TerminatedWithBothMounted_BothAreDead) {
   const int on32 = Fat_OpenFile(CPath("TEN"));
   SetCurrentFileSystem(m_pFileSystem);
   const int on16 = Fat_OpenFile(CPath("TEN"));

@@ -260,6 +260,8 @@ class CModelRun::CMounted {
   CFatFileSystem* FileSystem() const { return m_pFileSystem; }
   /// The one unmounted last.
   CFatFileSystem* Gone() const { return m_pGone; }
+  /// Of a volume on a medium; else null.
+  CMedium* Medium() const { return m_pMedium.get(); }
   unsigned int TransfersOutOfRange() const { return m_pMedium == nullptr ? 0 : m_pMedium->OutOfRange(); }
 
   /// The image, while it is not mounted.
@@ -317,8 +319,7 @@ CModelRun::~CModelRun() {
     if (volume->FileSystem() != nullptr) static_cast<void>(volume->Unmount());
     SetCurrentFileSystem(volume->Gone());
   }
-  for (int handle = 0; handle < CTwin::MAX_FILES; ++handle) static_cast<void>(Fat_CloseFile(handle));
-  for (int handle = 0; handle < CTwin::MAX_SEARCHES; ++handle) static_cast<void>(Fat_CloseFindHandle(handle));
+  CloseAll();
   m_Volumes.clear();
   SetCurrentFileSystem(nullptr);
 }
@@ -478,11 +479,15 @@ NAME CModelRun::Resolved(NAME path) const {
   return path.substr(0, base) + name + path.substr(at + 1);
 }
 
-bool CModelRun::Step(const OPERATION& operation) {
-  if (!m_Failure.empty()) return false;
+void CModelRun::Tick() {
   m_Now += 3;
   m_Twin.SetTime(m_Now);
   m_pLibrary->Clock().Set(m_Now);
+}
+
+bool CModelRun::Step(const OPERATION& operation) {
+  if (!m_Failure.empty()) return false;
+  Tick();
   for (unsigned int attempt = 0;; ++attempt) {
     std::vector<unsigned int> changes;
     for (std::size_t i = 0; i < m_Volumes.size(); ++i) changes.push_back(m_Twin.Volume(i).Changes());
@@ -833,6 +838,161 @@ bool CModelRun::Finish() {
     if (!UnmountVolume(volume) || (m_Config.Fsck && !CheckWithFsck(volume))) return false;
   }
   return true;
+}
+
+// ---------------------------------------------------------------------------------------------- a mess
+
+void CModelRun::CloseAll() {
+  for (int handle = 0; handle < CTwin::MAX_FILES; ++handle) static_cast<void>(Fat_CloseFile(handle));
+  for (int handle = 0; handle < CTwin::MAX_SEARCHES; ++handle) static_cast<void>(Fat_CloseFindHandle(handle));
+}
+
+bool CModelRun::StepIntoMess(const OPERATION& operation) {
+  Tick();
+  if (!m_bMess) {
+    try {
+      if (!RunOnce(operation)) return false;
+      for (std::size_t i = 0; i < m_Volumes.size(); ++i) m_bMess = m_bMess || m_Twin.Volume(i).NeedsRemount();
+      return true;
+    } catch (const AVOID&) {
+      m_bMess = true;
+    }
+  }
+  CallLibrary(operation);
+  return true;
+}
+
+// The twin is of no more use, but as a source of names.
+void CModelRun::CallLibrary(const OPERATION& operation) {
+  constexpr std::size_t VARIABLES = 20;
+  CMounted& volume = *m_Volumes[operation.Volume];
+  if (volume.FileSystem() == nullptr) return;  // it could not be mounted any more
+  Use(operation.Volume);
+  if (volume.Medium() != nullptr && operation.Seed % 97 == 0)
+    volume.Medium()->FailAt(1 + operation.Seed % 7, FAULT_ONCE);
+  int& handle = m_FileHandles[operation.Seed % VARIABLES];
+  int& search = m_FindHandles[operation.Seed % VARIABLES];
+  WIN_FIND_DATA data{};
+  CPath path = ToPath(Resolved(operation.Path));
+  CPath path2 = ToPath(operation.Path2);
+  switch (operation.Kind) {
+    case OP::Open:
+    case OP::Create:
+    case OP::ReadBack:
+      static_cast<void>(Fat_CloseFile(handle));
+      handle = operation.Kind == OP::Create ? Fat_CreateFile(path, operation.Number, operation.Attributes)
+                                            : Fat_OpenFile(path);
+      break;
+    case OP::FindFirst:
+    case OP::List:
+      static_cast<void>(Fat_CloseFindHandle(search));
+      search = Fat_FindFirstFile(path, &data);
+      for (unsigned int i = operation.Seed % 50; i > 0 && Fat_FindNextFile(search, &data) == 1;) --i;
+      break;
+    case OP::FindNext:
+      static_cast<void>(Fat_FindNextFile(search, &data));
+      break;
+    case OP::FindClose:
+      static_cast<void>(Fat_CloseFindHandle(search));
+      break;
+    case OP::Delete:
+      static_cast<void>(Fat_DeleteFile(path));
+      break;
+    case OP::Rename:
+      static_cast<void>(Fat_RenameFile(path, path2));
+      break;
+    case OP::Move:
+      static_cast<void>(Fat_MoveFile(path, operation.ToRoot ? nullptr : path2.Get()));
+      break;
+    case OP::CreateDir:
+      static_cast<void>(Fat_CreateDir(path, operation.Attributes));
+      break;
+    case OP::Remount:
+      static_cast<void>(volume.Unmount());
+      static_cast<void>(volume.Mount());
+      break;
+    default:
+      CallOnHandle(operation, handle);
+      break;
+  }
+}
+
+void CModelRun::CallOnHandle(const OPERATION& operation, int handle) {
+  constexpr unsigned int ROOM = 0x48000;
+  const unsigned int count = operation.Number % ROOM;
+  std::vector<unsigned char> buffer = BytesOf(operation.Seed, count);
+  unsigned int done = 0;
+  unsigned int size = 0;
+  WIN_FIND_DATA data{};
+  switch (operation.Kind) {
+    case OP::Close:
+      static_cast<void>(Fat_CloseFile(handle));
+      break;
+    case OP::Read:
+      static_cast<void>(Fat_ReadFile(handle, count, buffer.data(), &done));
+      break;
+    case OP::Write:
+      static_cast<void>(Fat_WriteFile(handle, count, buffer.data(), &done));
+      break;
+    case OP::ReadEx:
+      static_cast<void>(Fat_ReadFileEx(handle, operation.Offset, count, buffer.data(), &done));
+      break;
+    case OP::WriteEx:
+      static_cast<void>(Fat_WriteFileEx(handle, operation.Offset, count, buffer.data(), &done));
+      break;
+    case OP::Seek:
+      static_cast<void>(Fat_SetFileOffset(handle, operation.Number, operation.Attributes));
+      break;
+    case OP::SetSize:
+      // Directories too, and smaller ones.
+      static_cast<void>(Fat_GetFileSize(handle, &size));
+      static_cast<void>(Fat_SetFileSize(handle, operation.Seed % 3 == 0 ? size / 2 : operation.Number));
+      break;
+    default:
+      data.dwFileAttributes = operation.Seed % 2 == 0 ? operation.Attributes : operation.Seed / 2 % 256;
+      static_cast<void>(Fat_GetFileAttribute(handle, &data));
+      static_cast<void>(Fat_SetFileAttribute(handle, &data));
+      break;
+  }
+}
+
+// Lists and reads what is below a directory, as far as its names can be spelt.
+void CModelRun::Wander(const NAME& path, unsigned int depth, unsigned int& calls) {
+  WIN_FIND_DATA data{};
+  std::vector<NAME> names;
+  const int search = Fat_FindFirstFile(ToPath(path), &data);
+  for (bool more = search >= 0; more && names.size() < 200; more = Fat_FindNextFile(search, &data) == 1) {
+    NAME name = FromZ(data.cFileName, 260);
+    if (name.empty()) name = FromZ(data.cAlternateFileName, 14);
+    names.push_back(path + u"\\" + name);
+  }
+  static_cast<void>(Fat_CloseFindHandle(search));
+  std::vector<unsigned char> buffer(0x40000);
+  for (const NAME& name : names) {
+    if (++calls > 2000) return;
+    const int handle = Fat_OpenFile(ToPath(name));
+    unsigned int done = 0;
+    for (long long at = 0; at < 0x100000; at += 0x40000) {
+      if (Fat_ReadFileEx(handle, at, 0x40000, buffer.data(), &done) != 1) break;
+    }
+    const bool dir = Fat_IsDir(handle) == 1;
+    static_cast<void>(Fat_CloseFile(handle));
+    if (dir && depth < 5) Wander(name, depth + 1, calls);
+  }
+}
+
+void CModelRun::FinishMess() {
+  for (const std::unique_ptr<CMounted>& volume : m_Volumes) {
+    if (volume->Medium() != nullptr) volume->Medium()->Heal();
+    for (unsigned int round = 0; round < 2 && volume->FileSystem() != nullptr; ++round) {
+      SetCurrentFileSystem(volume->FileSystem());
+      CloseAll();
+      unsigned int calls = 0;
+      for (const NODE_PTR& node : m_Twin.Volume(0).Nodes()) Wander(CTwinVolume::PathOf(*node), 0, calls);
+      static_cast<void>(volume->Unmount());
+      if (round == 0) static_cast<void>(volume->Mount());
+    }
+  }
 }
 
 // ---------------------------------------------------------------------------------------------- seeds and shrinking

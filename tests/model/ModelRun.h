@@ -74,6 +74,12 @@ class CModelRun final : public IRunView {
 
   /// Makes one call of both and compares. @return false when they differ
   bool Step(const OPERATION& operation);
+  /// Makes one call of the library, also one that the twin avoids. From the first of those on nothing is compared any
+  /// more: the volumes are a mess then, as stated, and all that is asked is that the process survives.
+  /// @return false when they differ before that
+  bool StepIntoMess(const OPERATION& operation);
+  /// Goes through what is left of the volumes, before and after an unmount, and closes everything.
+  void FinishMess();
   /// Unmounts, has the images checked, mounts, reads everything back, closes everything. @return false as above
   bool Finish();
   /// What differed; empty when nothing did.
@@ -81,6 +87,7 @@ class CModelRun final : public IRunView {
   /// Calls left out because the twin avoids them, even after an unmount.
   unsigned int LeftOut() const { return m_nLeftOut; }
   unsigned int Remounts() const { return m_nRemounts; }
+  bool IsMess() const { return m_bMess; }
 
   const CTwin& Twin() const override { return m_Twin; }
   int FileHandle(unsigned int variable) const override { return m_FileHandles[variable]; }
@@ -107,8 +114,13 @@ class CModelRun final : public IRunView {
   bool NullArguments(int handle);
   bool NoVolume(const OPERATION& operation, int handle);
   bool SameFound(const WIN_FIND_DATA& data, const TWIN_FOUND& found);
+  void CallLibrary(const OPERATION& operation);
+  void CallOnHandle(const OPERATION& operation, int handle);
+  void Wander(const NAME& path, unsigned int depth, unsigned int& calls);
+  void CloseAll();
   NAME Resolved(NAME path) const;
   void Use(std::size_t volume);
+  void Tick();
 
   MODEL_CONFIG m_Config;
   CLibrary* m_pLibrary;
@@ -120,6 +132,7 @@ class CModelRun final : public IRunView {
   unsigned int m_nLeftOut = 0;
   unsigned int m_nRemounts = 0;
   bool m_bExactCounts;
+  bool m_bMess = false;
   std::time_t m_Now;
 };
 
