@@ -9,7 +9,7 @@ BUILD := build/$(PRESET)
 # mkfs.fat is outside the path of a normal user on Debian.
 export PATH := $(PATH):/usr/sbin:/sbin
 
-.PHONY: all help setup configure build demo test bench install format clean
+.PHONY: all help setup configure build demo test bench install analyse coverage memcheck format clean
 
 all: build ## the same as build
 
@@ -39,6 +39,19 @@ bench: configure ## run the benchmark
 install: configure ## install headers and library under PREFIX (default /usr/local)
 	@cmake --build --preset $(PRESET) --parallel $(JOBS) --target fatlib
 	@cmake --install $(BUILD) --prefix $(PREFIX)
+
+analyse: ## run clang-tidy and cppcheck
+	@scripts/setup analyse
+	@cmake --preset x64-asan >/dev/null
+	@scripts/analyse build/x64-asan
+
+coverage: ## run the tests and print which lines and branches of the library they reach
+	@scripts/setup coverage
+	@scripts/coverage $(JOBS)
+
+memcheck: ## run the tests under valgrind (64-bit)
+	@scripts/setup memcheck
+	@scripts/memcheck $(JOBS)
 
 format: ## format the sources with clang-format
 	@git ls-files -z '*.c' '*.cpp' '*.h' | xargs -0 clang-format -i

@@ -134,7 +134,7 @@ void MountVolume(unsigned int millionClusters) {
   const unsigned long long clusters = millionClusters * 1000000ULL;
   CImage image(s_Directory, clusters * 512 + 256ULL * MIB, "-F 32 -s 1");
   CRawFile raw(image.Path());
-  CBuffer buffer(256 * 1024);
+  CBuffer buffer(std::size_t{256} * 1024);
   std::vector<double> ratios;
   for (unsigned int round = 0; round < ROUNDS; ++round) {
     const double rawRead = Measure([&] {

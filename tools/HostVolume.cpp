@@ -71,10 +71,11 @@ std::string ToText(const unsigned short* units, std::size_t max) {
   return text;
 }
 
-CVolume::CVolume(std::string imagePath) {
+CVolume::CVolume(const std::string& imagePath) {
   Fat_LibInitialize();
   CFatPartition* storage = new CFatPartition;
-  m_pFileSystem = Fat_Mount(storage, imagePath.data());
+  std::string parameter = imagePath;  // Fat_Mount takes an address that may be written through, but only reads
+  m_pFileSystem = Fat_Mount(storage, parameter.data());
   if (m_pFileSystem != nullptr) m_pStorage = storage;  // else the library has released it
 }
 

@@ -22,7 +22,7 @@ std::string ToText(const unsigned short* units, std::size_t max);
 /// The library for the length of the program, and one volume on it.
 class CVolume {
  public:
-  explicit CVolume(std::string imagePath);
+  explicit CVolume(const std::string& imagePath);
   ~CVolume();
   CVolume(const CVolume&) = delete;
   CVolume& operator=(const CVolume&) = delete;

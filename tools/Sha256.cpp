@@ -80,7 +80,8 @@ void CSha256::Add(const unsigned char* bytes, std::size_t count) {
 std::string CSha256::Finish() {
   const unsigned long long bits = m_nBytes * 8;
   // A one bit, zeros up to the last eight bytes of a block, and there the length in bits.
-  constexpr unsigned char ONE_BIT = 0x80, ZEROS = 0;
+  constexpr unsigned char ONE_BIT = 0x80;
+  constexpr unsigned char ZEROS = 0;
   Add(&ONE_BIT, 1);
   while (m_nPending != BLOCK_BYTES - 8) Add(&ZEROS, 1);
   std::array<unsigned char, 8> length;

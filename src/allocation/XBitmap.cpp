@@ -23,7 +23,7 @@ std::size_t StartsOfRuns(std::size_t ones, unsigned count) {
   return ones;
 }
 
-unsigned BytesFromBitsRoundUp(unsigned bits) { return bits / 8 + (bits % 8 != 0); }
+unsigned BytesFromBitsRoundUp(unsigned bits) { return bits / 8 + (bits % 8 != 0 ? 1 : 0); }
 
 // What the run listing needs to know of each byte.
 struct BYTE_TABLE {
@@ -359,11 +359,13 @@ void CBitmap::WalkClearRuns(EMIT emit) {
     if (length != 0 && !emit(length, start)) return;
     length = high;
     start = 8 * (i + 1) - high;
+    // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): the table counts to 8
     byte |= ((1u << low) - 1) | (0xFF00u >> high & 0xFF);
     while (byte != 0xFF) {
       const unsigned inner = s_Contigus_0_Bits_Longest.Entry[byte];
       const unsigned shift = GetLeftShiftOf_0_Bits(inner, static_cast<unsigned char>(byte));
       if (!emit(inner, 8 * i + shift)) return;
+      // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): a byte with clear bits has a longest run
       byte |= ((1u << inner) - 1) << shift;
     }
   }

@@ -49,7 +49,7 @@ class CRawSource {
 
   int Read(unsigned int slot, const CDirEnt*& entry) const {
     if (slot >= m_nSlots) return STATUS_END_OF_FILE;
-    entry = reinterpret_cast<const CDirEnt*>(m_pData + slot * DIRENT_SIZE);
+    entry = reinterpret_cast<const CDirEnt*>(m_pData + std::size_t{slot} * DIRENT_SIZE);
     return STATUS_SUCCESS;
   }
 
@@ -61,7 +61,7 @@ class CRawSource {
 }  // namespace
 
 SHORT_NAME_KEY::SHORT_NAME_KEY(const unsigned char* name) {
-  for (unsigned int i = 0; i < 5; ++i) Units[i] = static_cast<unsigned short>(name[2 * i] | name[2 * i + 1] << 8);
+  for (std::size_t i = 0; i < 5; ++i) Units[i] = static_cast<unsigned short>(name[2 * i] | name[2 * i + 1] << 8);
   Units[5] = name[10];
   Units[6] = 0;
 }
@@ -298,7 +298,7 @@ struct CDirEntCache::LONG_NAME_RUN {
     nRemaining = nCount - 1;
     // A piece that ends early leaves a gap, at which the name then ends.
     osMemZero(szName, sizeof(szName));
-    const unsigned int units = entry.NameUCharCount(szName + LFN_UNITS * nRemaining);
+    const unsigned int units = entry.NameUCharCount(szName + std::size_t{LFN_UNITS} * nRemaining);
     Checksum = entry.Checksum;
     return units + LFN_UNITS * nRemaining != 0;
   }
@@ -309,7 +309,7 @@ struct CDirEntCache::LONG_NAME_RUN {
     const CLfnDirEnt& piece = *entry.ToLfn();
     if (piece.Ordinal() != nRemaining || piece.Checksum != Checksum) return false;
     --nRemaining;
-    (void)piece.NameUCharCount(szName + LFN_UNITS * nRemaining);
+    (void)piece.NameUCharCount(szName + std::size_t{LFN_UNITS} * nRemaining);
     return true;
   }
 };

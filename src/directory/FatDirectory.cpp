@@ -189,7 +189,7 @@ int CFatDir::CreateNewDirEnts(const unsigned short* name, unsigned char attribut
     for (unsigned int i = 0; i < k; ++i) {
       const unsigned int ordinal = k - i;
       entries[i].ToLfn()->Initialize(i == 0 ? ordinal | LFN_LAST : ordinal,
-                                     context.szLongName + (ordinal - 1) * LFN_UNITS, checksum);
+                                     context.szLongName + std::size_t{ordinal - 1} * LFN_UNITS, checksum);
     }
     context.szLongName[context.nLongChars] = 0;  // ends the name where the 0xFFFF filling began
   }

@@ -165,7 +165,7 @@ bool TriHashTbl::Insert(TriHashIdx* key) {
 void TriHashTbl::Double() {
   if (m_nBuckets >= MAX_BUCKETS) return;
   const unsigned int old = m_nBuckets;
-  void* grown = osMemRealloc(m_pBuckets, 2 * old * sizeof(TriHashIdx*));
+  void* grown = osMemRealloc(m_pBuckets, std::size_t{2} * old * sizeof(TriHashIdx*));
   if (grown == nullptr) return;
   m_pBuckets = static_cast<TriHashIdx**>(grown);
   m_nBuckets = 2 * old;

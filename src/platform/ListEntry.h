@@ -51,7 +51,9 @@ constexpr unsigned int gGetLog2Of(unsigned int x) {
 constexpr bool IsPowerOfTwo(unsigned int x) { return x != 0 && (x & (x - 1)) == 0; }
 
 /// The object that embeds `entry` as its member.
+// NOLINTBEGIN(bugprone-macro-parentheses): a type cannot stand in parentheses
 #define FATLIB_CONTAINER_OF(entry, type, member) \
   reinterpret_cast<type*>(reinterpret_cast<char*>(entry) - offsetof(type, member))
+// NOLINTEND(bugprone-macro-parentheses)
 
 #endif  // FATLIB_LISTENTRY_H

@@ -21,7 +21,7 @@ void* osMemAllocArray(std::size_t count, std::size_t size) {
 void* osMemAllocZeroed(std::size_t size) { return g_OsServices.pfnCalloc(size, 1); }
 
 unsigned char* osMemAllocBlocks(std::size_t size, void*& memory) {
-  constexpr std::size_t HUGE_PAGE = 2 * 1024 * 1024;
+  constexpr std::size_t HUGE_PAGE = std::size_t{2} << 20;
   memory = size > SIZE_MAX - HUGE_PAGE ? nullptr : osMemAllocZeroed(size + HUGE_PAGE);
   if (memory == nullptr) return nullptr;
   const std::size_t misaligned = reinterpret_cast<std::uintptr_t>(memory) % HUGE_PAGE;
@@ -44,6 +44,7 @@ int osMbsToWcs(unsigned short* dst, const char* src, unsigned int max) {
   if (max > BUFFER_CHARS) max = BUFFER_CHARS;
   const std::size_t converted = std::mbstowcs(s_Buffer, src, max);
   if (converted == static_cast<std::size_t>(-1)) return -1;
+  // NOLINTNEXTLINE(bugprone-signed-char-misuse,cert-str34-c): s_Buffer has no char
   for (std::size_t i = 0; i < converted; ++i) dst[i] = static_cast<unsigned short>(s_Buffer[i]);
   return static_cast<int>(converted);
 }

@@ -185,6 +185,7 @@ unsigned char* CFatMemory::ImageAt(long long position, unsigned int count) const
   if (offset > m_nVolumeBytes || count > m_nVolumeBytes - offset) return nullptr;
   const std::uintptr_t image = static_cast<std::uintptr_t>(m_hDevice);
   if (offset > UINTPTR_MAX - image || count > UINTPTR_MAX - image - offset) return nullptr;
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the image of a memory back-end is given as a number
   return reinterpret_cast<unsigned char*>(image + static_cast<std::uintptr_t>(offset));
 }
 
