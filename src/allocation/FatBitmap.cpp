@@ -12,8 +12,8 @@ int CFatBitmap::LoadBitmapFromTable(CFatTable* table, FAT_IDX_BITS bits, unsigne
   SetAllBits();
   const unsigned int shift = table->BlockEntryShift();
   unsigned int end = entries;
-  // Highest block first: afterwards the blocks of the lowest clusters, which are allocated first, are the newest ones in
-  // the cache.
+  // Highest block first: afterwards the blocks of the lowest clusters, which are allocated first, are the newest ones
+  // in the cache.
   while (end > FIRST_CLUSTER) {
     const unsigned int block = (end - 1) >> shift;
     const unsigned int first = block << shift;
@@ -26,6 +26,7 @@ int CFatBitmap::LoadBitmapFromTable(CFatTable* table, FAT_IDX_BITS bits, unsigne
     ClearFreeBits(data, bits, first, end);
     end = first;
   }
+  for (SEARCHED& searched : m_Searched) searched = {};
   m_nHint = FIRST_CLUSTER;
   (void)FindNextForward_0_Run(FIRST_CLUSTER, &m_nHint);  // without a free cluster the hint stays
   return status;
@@ -35,21 +36,29 @@ namespace {
 
 // The three widths as the loop below reads them: the entry `n` of a block that starts with entry `first`.
 struct FAT12_ENTRIES {
+  static constexpr unsigned int BITS = 12;
   static bool IsFree(const unsigned char* data, unsigned int n) {
     const unsigned int word = reinterpret_cast<const le16*>(data + n * 3 / 2)->Load();
     return ((n & 1) != 0 ? word >> 4 : word & 0x0FFF) == FAT_FREE;
   }
 };
 struct FAT16_ENTRIES {
+  static constexpr unsigned int BITS = 16;
   static bool IsFree(const unsigned char* data, unsigned int n) {
     return reinterpret_cast<const le16*>(data)[n].Load() == FAT_FREE;
   }
 };
 struct FAT32_ENTRIES {
+  static constexpr unsigned int BITS = 32;
   static bool IsFree(const unsigned char* data, unsigned int n) {
     return reinterpret_cast<const le32*>(data)[n].Load() == FAT_FREE;
   }
 };
+
+// Large volumes are mostly free, and what a boot sector claims beyond the medium's end is wholly so: stretches of this
+// many entries are first compared with zeros, which mean free in every width.
+constexpr unsigned int STRETCH = 256;
+const unsigned char s_Zeros[STRETCH * FAT32_ENTRIES::BITS / 8] = {};
 
 // Clears the bits of the free ones among entries begin .. end - 1 of a block, a byte of the bitmap at a time.
 // @return how many there are
@@ -58,6 +67,13 @@ unsigned int ClearBitsOfFree(const unsigned char* data, unsigned char* bits, uns
   unsigned int nFree = 0;
   unsigned int n = begin;
   while (n < end) {
+    if (n % STRETCH == 0 && end - n >= STRETCH &&
+        osMemEqual(data + n / 8 * ENTRIES::BITS, s_Zeros, STRETCH / 8 * ENTRIES::BITS)) {
+      osMemZero(bits + n / 8, STRETCH / 8);
+      nFree += STRETCH;
+      n += STRETCH;
+      continue;
+    }
     unsigned int mask = 0;
     if (n % 8 == 0 && end - n >= 8) {
       for (unsigned int i = 0; i < 8; ++i) mask |= (ENTRIES::IsFree(data, n + i) ? 1u : 0u) << i;
@@ -93,13 +109,26 @@ void CFatBitmap::ClearFreeBits(const unsigned char* data, FAT_IDX_BITS bits, uns
   }
 }
 
-// Moves the hint to the first free cluster at or after `from`. When `from` is the end of the map it becomes that; when no
-// free cluster follows it stays: nothing below it was freed.
+// Moves the hint to the first free cluster at or after `from`. When `from` is the end of the map it becomes that; when
+// no free cluster follows it stays: nothing below it was freed.
 void CFatBitmap::AdvanceHint(unsigned int from) { (void)FindNextForward_0_Run(from, &m_nHint); }
+
+// Find_0_Bits(count, m_nHint), but what the last search for about as much has passed over is not searched again: on a
+// fragmented volume every growth of a file would walk the whole map.
+unsigned int CFatBitmap::FindHole(unsigned int count) {
+  SEARCHED& searched = m_Searched[count == 0 ? 0 : gGetLog2Of(count)];
+  const bool known = searched.Count != 0 && count >= searched.Count;
+  if (known && searched.End == NOT_FOUND) return NOT_FOUND;
+  const unsigned int from = known && searched.End > m_nHint ? searched.End : m_nHint;
+  const unsigned int start = Find_0_Bits(count, from);
+  // A larger request tells nothing about smaller ones: what is known of those stays.
+  if (!known || count == searched.Count) searched = {count, start};
+  return start;
+}
 
 int CFatBitmap::AllocateClusters(unsigned int count, CRuns* runs) {
   if (m_nFreeClusters < count) return STATUS_DISK_FULL;
-  const unsigned int start = Find_0_Bits(count, m_nHint);
+  const unsigned int start = FindHole(count);
   if (start != NOT_FOUND) {
     if (!runs->AppendEntry(start, count)) return STATUS_DISK_CORRUPT;
     SetBits(start, count);
@@ -138,6 +167,9 @@ int CFatBitmap::AllocateClusters(unsigned int count, CRuns* runs) {
 
 void CFatBitmap::Recycle(unsigned int start, unsigned int count) {
   if (start < m_nHint) m_nHint = start;
+  for (SEARCHED& searched : m_Searched) {
+    if (searched.End >= start) searched = {};
+  }
   ClearBits(start, count);
   m_nFreeClusters += count;
 }

@@ -16,7 +16,7 @@ class CRuns;
 
 class CFatBitmap : public CBitmap {
  public:
-  CFatBitmap() : m_nHint(0), m_nFreeClusters(0) {}
+  CFatBitmap() : m_nHint(0), m_nFreeClusters(0), m_Searched() {}
 
   /// Reads the whole FAT, a block at a time, the highest first.
   /// @param entries  clusters + 2
@@ -25,7 +25,8 @@ class CFatBitmap : public CBitmap {
 
   /// Chooses `count` free clusters, marks them used and appends them to `runs`: one contiguous run if there is any, the
   /// first from the hint on; otherwise the lowest free holes in ascending order, the last one cut to what is needed.
-  /// @return negative, with nothing marked: STATUS_DISK_FULL, or STATUS_DISK_CORRUPT when the run map could not grow or the
+  /// @return negative, with nothing marked: STATUS_DISK_FULL, or STATUS_DISK_CORRUPT when the run map could not grow or
+  /// the
   ///         free count promised more than the map holds
   [[nodiscard]] int AllocateClusters(unsigned int count, CRuns* runs);
 
@@ -40,9 +41,18 @@ class CFatBitmap : public CBitmap {
   void ClearFreeBits(const unsigned char* data, FAT_IDX_BITS bits, unsigned int first, unsigned int end);
   void AdvanceHint(unsigned int from);
   void Recycle(unsigned int start, unsigned int count);
+  unsigned int FindHole(unsigned int count);
+
+  // What a search has found out: no hole of `Count` clusters or more starts below `End`. One for requests of 2^i
+  // clusters and more, below 2^(i + 1).
+  struct SEARCHED {
+    unsigned int Count;
+    unsigned int End;
+  };
 
   unsigned int m_nHint;          // where searches start; may name a used cluster
   unsigned int m_nFreeClusters;  // clear bits
+  SEARCHED m_Searched[32];
 };
 
 #endif  // FATLIB_FATBITMAP_H

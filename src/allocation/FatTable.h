@@ -1,8 +1,8 @@
 /// @file FatTable.h
 /// The file allocation table: reads and writes the entry of a cluster, allocates chains and gives clusters back.
 ///
-/// Behind it lies a cache of 256 KiB blocks of the FAT. A changed block goes on a list of up to four blocks that wait to
-/// be written, so that a burst of changes costs few transfers:
+/// Behind it lies a cache of 256 KiB blocks of the FAT. A changed block goes on a list of up to four blocks that wait
+/// to be written, so that a burst of changes costs few transfers:
 ///
 ///   absent --read on a miss--> CLEAN --change--> DIRTY, listed --the fourth block is listed--> CLEAN
 ///                                                     |  on a failing flush the block stays dirty and listed, or
@@ -22,9 +22,9 @@
 class CFatVolume;
 class CRuns;
 
-constexpr unsigned int FAT_FREE = 0;                    // entry of a free cluster
-constexpr unsigned int FAT_END_OF_CHAIN = 0x0FFFFFFF;   // written on every width, which keeps its low bits
-constexpr unsigned int FIRST_CLUSTER = 2;               // entries 0 and 1 belong to no cluster
+constexpr unsigned int FAT_FREE = 0;                   // entry of a free cluster
+constexpr unsigned int FAT_END_OF_CHAIN = 0x0FFFFFFF;  // written on every width, which keeps its low bits
+constexpr unsigned int FIRST_CLUSTER = 2;              // entries 0 and 1 belong to no cluster
 constexpr unsigned int NO_CLUSTER = 0xFFFFFFFF;
 
 class CFatTable {
@@ -42,7 +42,8 @@ class CFatTable {
     bool m_bDirty;           // changed since it was last written
     unsigned char* m_Data;   // BLOCK_BYTES, page-aligned; the first GetCcBlkSects(m_nRefNo) sectors are the medium's
 
-    /// Writes the block back if it is dirty (whether that works or not), takes it off the write-delay list, gives it back.
+    /// Writes the block back if it is dirty (whether that works or not), takes it off the write-delay list, gives it
+    /// back.
     static void Free(CACHE_BLK* block, CFatTable* table);
   };
 
@@ -50,7 +51,8 @@ class CFatTable {
   /// @param bits         width of an entry
   /// @param sectorShift  log2 of the sector size
   /// @param clusters     clusters of the volume; the FAT has two entries more
-  /// @return negative: STATUS_INVALID_PARAMETER for another width, STATUS_NO_MEMORY, or the status of a failed read. The
+  /// @return negative: STATUS_INVALID_PARAMETER for another width, STATUS_NO_MEMORY, or the status of a failed read.
+  /// The
   ///         caller calls Abandon then.
   [[nodiscard]] int Create(FAT_IDX_BITS bits, unsigned int sectorShift, unsigned int clusters);
   /// Writes what is dirty and frees everything. @return the status of flushing the write-delay list
@@ -117,9 +119,9 @@ class CFatTable {
   int WriteBlock(CACHE_BLK* block);
   unsigned int GetCcBlkSects(unsigned int block) const { return block == m_nLastBlk ? m_nLastBlkSects : m_nBlkSects; }
 
-  unsigned int m_nBlkEntShift;   // log2 of the entries per block: 17 on FAT16, 16 on FAT32
-  unsigned int m_nBlkSectShift;  // log2 of the sectors per block
-  READ_FUNCTION m_pfnReadNextClusterNo;    // the codec of this volume's width, chosen once
+  unsigned int m_nBlkEntShift;           // log2 of the entries per block: 17 on FAT16, 16 on FAT32
+  unsigned int m_nBlkSectShift;          // log2 of the sectors per block
+  READ_FUNCTION m_pfnReadNextClusterNo;  // the codec of this volume's width, chosen once
   WRITE_FUNCTION m_pfnWriteNextClusterNo;
   CLruHash<CACHE_BLK, CFatTable, MAX_BLOCKS, BUCKETS> m_Cache;
   unsigned int m_nBlkSects;      // sectors per block
@@ -128,12 +130,12 @@ class CFatTable {
   unsigned int m_nWriteDelay;    // slots of the list below in use; a slot is null when its block was evicted
   CACHE_BLK* m_pWriteDelayBlks[WRITE_DELAY_SLOTS];
   CFatBitmap m_Bitmap;
-  unsigned int m_nEntries;       // clusters + 2
-  void* m_pBlockMem;             // the data of all blocks; they take memory when they are first used
-  CACHE_BLK* m_pBlks;            // one more than the cache holds: a block is read before its victim is written back
-  CACHE_BLK** m_ppFreeBlks;      // stack of those that are not cached
+  unsigned int m_nEntries;   // clusters + 2
+  void* m_pBlockMem;         // the data of all blocks; they take memory when they are first used
+  CACHE_BLK* m_pBlks;        // one more than the cache holds: a block is read before its victim is written back
+  CACHE_BLK** m_ppFreeBlks;  // stack of those that are not cached
   unsigned int m_nFreeBlks;
-  CACHE_BLK* m_pNewest;          // the most recently used block, so that runs of accesses skip the hash; or null
+  CACHE_BLK* m_pNewest;  // the most recently used block, so that runs of accesses skip the hash; or null
 };
 
 #endif  // FATLIB_FATTABLE_H

@@ -1,8 +1,8 @@
 /// @file LruHash.h
 /// A fixed-capacity cache of blocks found by number, with eviction of the least recently used one.
 ///
-/// The block type brings `m_nRefNo` (its number), and a static `Free(T* block, OWNER* owner)` that writes a dirty block back
-/// and releases it; the cache calls it on eviction and destruction.
+/// The block type brings `m_nRefNo` (its number), and a static `Free(T* block, OWNER* owner)` that writes a dirty block
+/// back and releases it; the cache calls it on eviction and destruction.
 
 #ifndef FATLIB_LRUHASH_H
 #define FATLIB_LRUHASH_H
@@ -94,10 +94,10 @@ class CLruHash {
     *link = entry->pNext;
   }
 
-  ENTRY* m_pEntries;           // ENTRIES of them, handed out in order and then recycled by eviction
-  _LST_ENTRY m_LruList;        // entries in use, least recently used first
-  unsigned int m_nUsed;        // entries handed out so far
-  ENTRY** m_ppBuckets;         // BUCKETS chains by block number, a prime
+  ENTRY* m_pEntries;     // ENTRIES of them, handed out in order and then recycled by eviction
+  _LST_ENTRY m_LruList;  // entries in use, least recently used first
+  unsigned int m_nUsed;  // entries handed out so far
+  ENTRY** m_ppBuckets;   // BUCKETS chains by block number, a prime
   OWNER* m_pOwner;
 };
 

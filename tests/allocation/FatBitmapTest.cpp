@@ -101,6 +101,26 @@ TEST_F(FatBitmapLoad, RandomFatsOfEveryWidthAndSize_ArePicturedEntryByEntry) {
   }
 }
 
+TEST_F(FatBitmapLoad, LongFreeAndUsedStretches_EndWhereTheFatSaysSo) {
+  constexpr unsigned int entries = 1200;
+  CVolumeBench bench{Frame()};
+  ASSERT_GE(bench.Mount(), 0);
+  for (const unsigned int width : {12u, 16u, 32u}) {
+    for (const unsigned int n : {2u, 3u, 254u, 255u, 256u, 257u, 511u, 512u, 513u, 767u, 768u, 1023u, 1024u, 1199u}) {
+      for (const bool free : {false, true}) {
+        SCOPED_TRACE("FAT" + std::to_string(width) + ", all but entry " + std::to_string(n) + " alike");
+        CFatBits fat(BYTES(ToSize(CFatBits::BytesFor(entries, width)), free ? 0xFF : 0), width);
+        // The lowest and the highest bit alone make an entry a used one.
+        fat.Set(n, free ? 0 : n % 2 == 0 ? 1 : 1u << (width - 1));
+        bench.Image().WriteBytes(512, fat.Bytes());
+        ASSERT_GE(bench.Table().Destory(), 0);
+        ASSERT_GE(bench.Table().Create(static_cast<FAT_IDX_BITS>(width), 9, entries - 2), 0);
+        ExpectPictureOf(fat, entries, bench.Table().Bitmap());
+      }
+    }
+  }
+}
+
 TEST_F(FatBitmapLoad, EmptyVolume_HasTheHintAtTwoAndEveryClusterFree) {
   for (const unsigned int bits : {12u, 16u}) {
     FAT_GEOMETRY geometry;
@@ -110,6 +130,17 @@ TEST_F(FatBitmapLoad, EmptyVolume_HasTheHintAtTwoAndEveryClusterFree) {
     ASSERT_GE(bench.Mount(), 0);
     EXPECT_EQ(bench.Table().Bitmap().Hint(), 2u);
     EXPECT_EQ(bench.Table().Bitmap().FreeClusters(), builder.Geometry().Clusters);
+  }
+}
+
+TEST_F(FatBitmapLoad, NoClusters_NothingIsReadAndNothingIsFree) {
+  for (const FAT_IDX_BITS bits : {FAT_BITS_12, FAT_BITS_16, FAT_BITS_32}) {
+    CVolumeBench bench{Frame()};
+    ASSERT_EQ(bench.MountWithTable(bits, 9, 0), 0);
+    EXPECT_EQ(bench.Medium().Transfers(), 0u);
+    EXPECT_EQ(bench.Table().Bitmap().Size(), 2u);
+    EXPECT_EQ(bench.Table().Bitmap().FreeClusters(), 0u);
+    EXPECT_EQ(bench.Table().Bitmap().Hint(), 2u);
   }
 }
 
@@ -239,9 +270,12 @@ class CBitmapBench {
   CBitmapBench(const CBitmapBench&) = delete;
   CBitmapBench& operator=(const CBitmapBench&) = delete;
 
+  CMedium& Medium() { return m_Bench.Medium(); }
   CFatBitmap& operator*() { return m_Bitmap; }
   CFatBitmap* operator->() { return &m_Bitmap; }
 
+  /// Builds it again from the FAT, which is as it was at the start.
+  int Reload() { return m_Bitmap.LoadBitmapFromTable(&m_Bench.Table(), FAT_BITS_16, m_nEntries); }
   /// The runs that a request is given. A failing request adds a test failure.
   RUN_LIST Allocate(unsigned int count) {
     CRunsInUse runs;
@@ -395,6 +429,41 @@ TEST_F(FatBitmapAllocation, FreeClusterFreedAgain_CountsTwiceAndThePromiseCannot
   EXPECT_EQ(bitmap.Allocate(4), (RUN_LIST{{5, 2}, {20, 2}}));
   EXPECT_EQ(bitmap.StatusOfAllocate(1), DISK_CORRUPT);
   EXPECT_EQ(bitmap->FreeClusters(), 1u);
+}
+
+TEST_F(FatBitmapAllocation, BuiltAgain_ChoosesAsIfNothingHadBeenChosenBefore) {
+  CBitmapBench bitmap(100, {{5, 2}, {20, 10}});
+  EXPECT_EQ(bitmap.Allocate(4), (RUN_LIST{{20, 4}}));
+  EXPECT_EQ(bitmap.Allocate(4), (RUN_LIST{{24, 4}}));
+  EXPECT_EQ(bitmap.Allocate(4), (RUN_LIST{{5, 2}, {28, 2}}));
+  ASSERT_GE(bitmap.Reload(), 0);
+  bitmap.Expect({{5, 2}, {20, 10}}, 12, 5);
+  EXPECT_EQ(bitmap.Allocate(4), (RUN_LIST{{20, 4}}));
+}
+
+TEST_F(FatBitmapAllocation, ClusterOutsideTheMapFreed_IsCountedAndTouchesNoBit) {
+  CBitmapBench bitmap(100, {{5, 2}, {20, 2}});
+  bitmap->RecycleOneCluster(102);
+  bitmap->RecycleOneCluster(0xFFFFFFFFu);
+  bitmap.Expect({{5, 2}, {20, 2}}, 6, 5);
+  EXPECT_EQ(bitmap.StatusOfAllocate(6), DISK_CORRUPT);
+  bitmap.Expect({{5, 2}, {20, 2}}, 6, 5);
+}
+
+TEST_F(FatBitmapAllocation, RequestForNoCluster_GivesNoneAndMarksNothing) {
+  CBitmapBench bitmap(100, {{5, 2}, {20, 2}});
+  EXPECT_EQ(bitmap.Allocate(0), RUN_LIST());
+  bitmap.Expect({{5, 2}, {20, 2}}, 4, 5);
+}
+
+TEST_F(FatBitmapAllocation, ChoosingAndFreeing_MakeNoTransfer) {
+  CBitmapBench bitmap(100, {{5, 5}, {20, 10}});
+  bitmap.Medium().ClearTrace();
+  bitmap.Allocate(8);
+  bitmap.Allocate(6);
+  bitmap->RecycleOneCluster(3);
+  EXPECT_EQ(bitmap.StatusOfAllocate(50), DISK_FULL);
+  EXPECT_EQ(bitmap.Medium().Transfers(), 0u);
 }
 
 TEST_F(FatBitmapAllocation, MapThatTakesNoRun_IsDiskCorruptAndNothingIsMarked) {
@@ -574,6 +643,8 @@ void RunAgainstTwin(unsigned int clusters, unsigned int largest, unsigned int st
 TEST_F(FatBitmapAllocation, RandomRequestsAndReleases_AgreeWithATwin) {
   for (unsigned int seed = 1; seed <= 4; ++seed) {
     RunAgainstTwin(6, 4, 300, seed);
+    RunAgainstTwin(12, 7, 2000, seed);
+    RunAgainstTwin(40, 9, 2000, seed);
     RunAgainstTwin(61, 12, 600, seed);
     RunAgainstTwin(62, 70, 600, seed);
     RunAgainstTwin(63, 3, 600, seed);

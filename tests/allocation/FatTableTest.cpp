@@ -294,6 +294,34 @@ TEST_F(FatBlocks, BlockInsideSectorsPastTheEntries_KeepsWhatLiesThere) {
   EXPECT_EQ(bench.Image(), image);
 }
 
+TEST_F(FatBlocks, FatShorterThanItsClusters_EntriesBehindItLieInWhatFollows) {
+  FAT_GEOMETRY geometry = Geometry(16, 5000);
+  geometry.SectorsPerFat = 10;
+  CDiskImage image = CImageBuilder(geometry).Image();
+  image.Set16(512 + 2 * 3000, 0xABCD);  // in the second FAT
+  CVolumeBench bench{image};
+  ASSERT_EQ(bench.Open(), 0);
+  ASSERT_GE(bench.MountOpened(), 0);
+  EXPECT_EQ(bench.Medium().Trace().front(), (IO_RECORD{IO_KIND::ReadSectors, 512, 20 * 512, 0}));
+  EXPECT_EQ(bench.Next(3000), 0xABCDu);
+  ASSERT_EQ(bench.SetNext(3001, 0x1234), 0);
+  ASSERT_GE(bench.Unmount(), 0);
+  image.Set16(512 + 2 * 3001, 0x1234);
+  EXPECT_EQ(bench.Image(), image);
+}
+
+TEST_F(FatBlocks, LargestFat32_BeginsToBeReadWithItsLastBlock) {
+  CVolumeBench bench{Frame()};
+  ASSERT_GE(bench.Mount(), 0);
+  ASSERT_GE(bench.Table().Destory(), 0);
+  bench.Medium().ClearTrace();
+  bench.Medium().FailAt(1, FAULT_ONCE, IO_FILTER::Reads, -90);
+  EXPECT_EQ(bench.Table().Create(FAT_BITS_32, 9, 0x0FFFFFF6), -90);
+  bench.Table().Abandon();
+  EXPECT_EQ(bench.Medium().Trace(),
+            (TRACE{{IO_KIND::ReadSectors, 512 + 4095 * static_cast<long long>(BLOCK_BYTES), BLOCK_BYTES, 0}}));
+}
+
 TEST_F(FatBlocks, AnyOtherWidth_IsAnInvalidParameter) {
   CVolumeBench bench{Frame()};
   for (const unsigned int bits : {0u, 8u, 13u, 28u, 31u, 33u}) {
@@ -303,6 +331,26 @@ TEST_F(FatBlocks, AnyOtherWidth_IsAnInvalidParameter) {
     bench.Volume().Abandon();
   }
   ASSERT_GE(bench.Mount(), 0);
+}
+
+TEST_F(FatBlocks, MoreClustersThanNumbersOrThanTheOneBlockOfAFat12_AreAnInvalidParameter) {
+  CVolumeBench bench{Frame()};
+  ASSERT_GE(bench.Mount(), 0);
+  ASSERT_GE(bench.Table().Destory(), 0);
+  bench.Medium().ClearTrace();
+  for (const FAT_IDX_BITS bits : {FAT_BITS_12, FAT_BITS_16, FAT_BITS_32}) {
+    for (const unsigned int clusters : {0xFFFFFFFEu, 0xFFFFFFFFu}) {
+      EXPECT_EQ(bench.Table().Create(bits, 9, clusters), INVALID_PARAMETER) << bits << ", " << clusters;
+      bench.Table().Abandon();
+    }
+  }
+  // 174762 entries of twelve bits take 262143 bytes.
+  EXPECT_EQ(bench.Table().Create(FAT_BITS_12, 9, 174761), INVALID_PARAMETER);
+  bench.Table().Abandon();
+  EXPECT_EQ(bench.Medium().Transfers(), 0u);
+  EXPECT_GE(bench.Table().Create(FAT_BITS_12, 9, 174760), 0);
+  ASSERT_EQ(bench.Medium().Transfers(), 1u);
+  EXPECT_EQ(bench.Medium().Trace()[0], (IO_RECORD{IO_KIND::ReadSectors, 512, BLOCK_BYTES, 0}));
 }
 
 TEST_F(FatBlocks, AnyAllocationOfCreateFailing_IsNoMemoryAndLeavesNothing) {
@@ -538,6 +586,17 @@ TEST_F(FatWriteDelay, TableEndsWhileWritingFails_EverythingIsReleased) {
   fat.ExpectChangesOnMedium({0, 1, 2});
 }
 
+TEST_F(FatWriteDelay, WriteStoresOnlyPart_CountsAsDone) {
+  CBlocks fat(8);
+  for (const unsigned int block : {0u, 1u, 2u}) ASSERT_EQ(fat.Change(block), 0);
+  fat.Medium().ShortenWriteAt(1, 4);
+  EXPECT_EQ(fat.Change(3), 0);
+  EXPECT_EQ(fat.Take(), CBlocks::Writes({3, 2, 1, 0}));
+  EXPECT_EQ(fat.Table().Destory(), 0);
+  EXPECT_EQ(fat.Take(), TRACE());
+  fat.ExpectChangesOnMedium({3});
+}
+
 TEST_F(FatWriteDelay, Abandoned_NothingIsWritten) {
   CBlocks fat(8);
   for (const unsigned int block : {0u, 1u, 2u}) ASSERT_EQ(fat.Change(block), 0);
@@ -682,6 +741,75 @@ TEST_F(FatCache, ReadDeliversOnlyPart_MissingEntriesAreZero) {
   EXPECT_EQ(fat.Next(256 * PER_BLOCK + 249), 0x11111111u);
   EXPECT_EQ(fat.Next(256 * PER_BLOCK + 250), 0u);
   EXPECT_EQ(fat.Next(256 * PER_BLOCK + 65000), 0u);
+}
+
+TEST_F(FatCache, Memory_IsThatOfTheFatAndAtMostOf257Blocks) {
+  constexpr std::size_t slack = 0x200000;  // for the place where the first block begins
+  for (const unsigned int blocks : {1u, 2u, 255u, 256u, 257u, 258u, 400u}) {
+    Memory().ResetLargest();
+    CBlocks fat(blocks);
+    const std::size_t expected = std::size_t{std::min(blocks, CACHED_BLOCKS + 1)} * BLOCK_BYTES;
+    EXPECT_GE(Memory().LargestRequest(), expected) << blocks;
+    EXPECT_LE(Memory().LargestRequest(), expected + slack) << blocks;
+  }
+}
+
+TEST_F(FatCache, WholeBlockHandedOut_IsReadAndUsedLikeAnEntryOfIt) {
+  CBlocks fat(CACHED_BLOCKS + 2);
+  fat.Image().Set32(512 + std::uint64_t{256} * BLOCK_BYTES + 1000, 0x0ABCDEF1);
+  const unsigned char* data = nullptr;
+  fat.Medium().FailAt(1, FAULT_ONCE, IO_FILTER::Reads, -61);
+  EXPECT_EQ(fat.Table().ReadBlock(256, data), -61);
+  EXPECT_EQ(data, nullptr);
+  fat.Take();
+  ASSERT_EQ(fat.Table().ReadBlock(256, data), static_cast<int>(BLOCK_BYTES));
+  EXPECT_EQ(fat.Take(), TRACE{CBlocks::Read(256)});
+  EXPECT_EQ(BYTES(data + 1000, data + 1004), (BYTES{0xF1, 0xDE, 0xBC, 0x0A}));
+  ASSERT_EQ(fat.Table().ReadBlock(254, data), 0);  // 255 was evicted for 256, and 254 is no longer the next to go
+  EXPECT_GT(fat.Touch(257), 0);
+  fat.Take();
+  EXPECT_EQ(fat.Touch(254), 0);
+  EXPECT_GT(fat.Touch(253), 0);
+}
+
+/// Changes blocks that are then evicted, others that are flushed, and one that waits until the end: five writes.
+int WriteFiveTimes(CBlocks& fat) {
+  ChangeAndAge(fat, {10, 20});
+  EXPECT_GT(fat.Touch(256), 0);  // evicts 10
+  EXPECT_GT(fat.Touch(257), 0);  // evicts 20
+  (void)fat.Change(30);
+  (void)fat.Change(31);  // the fourth one listed: 31 and 30 are written
+  (void)fat.Change(32);
+  return fat.Table().Destory();
+}
+
+TEST_F(FatCache, AnyWriteFailingOnce_LosesTheChangesOfAnEvictedBlockOnly) {
+  for (unsigned int failAt = 1; failAt <= 6; ++failAt) {
+    SCOPED_TRACE("write " + std::to_string(failAt));
+    CBlocks fat(CACHED_BLOCKS + 2);
+    fat.Medium().FailAt(failAt, FAULT_ONCE, IO_FILTER::Writes, -29);
+    // A flush that fails is repeated; only that of the end can say so.
+    EXPECT_EQ(WriteFiveTimes(fat), failAt == 5 ? -29 : 0);
+    EXPECT_EQ(fat.Medium().Fired(), failAt <= 5);
+    fat.ExpectChangesOnMedium(failAt == 1   ? std::set<unsigned int>{10}
+                              : failAt == 2 ? std::set<unsigned int>{20}
+                                            : std::set<unsigned int>{});
+  }
+}
+
+TEST_F(FatCache, AnyWriteFailingForGood_LosesWhatWasNotWrittenBefore) {
+  const std::vector<unsigned int> order{10, 20, 31, 30, 32};
+  for (unsigned int failAt = 1; failAt <= 6; ++failAt) {
+    SCOPED_TRACE("write " + std::to_string(failAt));
+    const std::size_t outstanding = Memory().Outstanding();
+    {
+      CBlocks fat(CACHED_BLOCKS + 2);
+      fat.Medium().FailAt(failAt, FAULT_FOR_GOOD, IO_FILTER::Writes, -29);
+      EXPECT_EQ(WriteFiveTimes(fat), failAt <= 5 ? -29 : 0);
+      fat.ExpectChangesOnMedium({order.data() + failAt - 1, order.data() + order.size()});
+    }
+    EXPECT_EQ(Memory().Outstanding(), outstanding);
+  }
 }
 
 /// The cache and the write-delay list in plain containers: predicts the transfers of every access.
@@ -891,6 +1019,7 @@ TEST_F(FatChains, EntryCannotBeWritten_ItsStatusIsReturnedAndTheClustersStayUsed
   CRunsInUse runs;
   unsigned int last = NO_LAST;
   EXPECT_EQ(bench.Table().AllocateClusters(5, &runs, last), -71);
+  EXPECT_EQ(last, NO_LAST);
   EXPECT_EQ(bench.Table().Bitmap().FreeClusters(), 0u);
   for (unsigned int block = 0; block < 5; ++block) {
     EXPECT_TRUE(bench.Table().Bitmap().TestBit(block * PER_BLOCK + 100));
@@ -909,8 +1038,64 @@ TEST_F(FatChains, EndMarkCannotBeWritten_ItsStatusIsReturned) {
   CRunsInUse runs;
   unsigned int last = NO_LAST;
   EXPECT_EQ(bench.Table().AllocateClusters(4, &runs, last), -72);
+  EXPECT_EQ(last, NO_LAST);
   EXPECT_EQ(bench.Table().Bitmap().FreeClusters(), 1u);
   EXPECT_EQ(bench.Next(3 * PER_BLOCK + 100), 0x0FFFFFFFu);
+}
+
+TEST_F(FatChains, RequestForNoCluster_IsAnInvalidParameterAndChangesNothing) {
+  CImageBuilder builder(Geometry(16, 5000));
+  LeaveFree(builder, {10, 11, 12});
+  CVolumeBench bench{builder.Image()};
+  ASSERT_GE(bench.Mount(), 0);
+  CRunsInUse runs;
+  unsigned int last = 7;
+  EXPECT_EQ(bench.Table().AllocateClusters(0, &runs, last), INVALID_PARAMETER);
+  EXPECT_EQ(last, 7u);
+  EXPECT_EQ(runs.NumberOfRuns(), 0u);
+  EXPECT_EQ(bench.Next(7), 0xFFFFu);
+  EXPECT_EQ(bench.Table().Bitmap().FreeClusters(), 3u);
+}
+
+TEST_F(FatChains, ChainToExtendEndsOutsideTheVolume_IsDiskCorruptAndTheClustersStayUsed) {
+  for (const unsigned int outside : {0u, 1u, 5002u}) {
+    CImageBuilder builder(Geometry(16, 5000));
+    LeaveFree(builder, {10, 11, 12});
+    CVolumeBench bench{builder.Image()};
+    ASSERT_GE(bench.Mount(), 0);
+    CRunsInUse runs;
+    unsigned int last = outside;
+    EXPECT_EQ(bench.Table().AllocateClusters(2, &runs, last), DISK_CORRUPT);
+    EXPECT_EQ(last, outside);
+    EXPECT_EQ(bench.Table().Bitmap().FreeClusters(), 1u);
+    EXPECT_EQ(bench.Next(10), 0u);
+    ASSERT_GE(bench.Unmount(), 0);
+    EXPECT_EQ(bench.Medium().Writes(), 0u);
+  }
+}
+
+TEST_F(FatChains, BlockOfTheChainsEndCannotBeRead_ItsStatusIsReturnedAndTheClustersStayUsed) {
+  CBlocks fat(CACHED_BLOCKS + 2);
+  fat.Medium().FailAt(1, FAULT_ONCE, IO_FILTER::Reads, -73);
+  CRunsInUse runs;
+  const unsigned int end = 257 * PER_BLOCK + 5;  // not cached
+  unsigned int last = end;
+  EXPECT_EQ(fat.Table().AllocateClusters(2, &runs, last), -73);
+  EXPECT_EQ(last, end);
+  EXPECT_TRUE(fat.Table().Bitmap().AreBitsSet(2, 2));
+  EXPECT_EQ(fat.Next(2), 0u);
+  EXPECT_EQ(fat.Next(end), 0u);
+}
+
+TEST_F(FatChains, NeitherChoosingNorFreeingClusters_ReadsTheFat) {
+  CBlocks fat(CACHED_BLOCKS + 2);
+  CRunsInUse runs;
+  unsigned int last = NO_LAST;
+  // Blocks 256 and 257, which are not cached, have free clusters too.
+  ASSERT_GE(fat.Table().AllocateClusters(3, &runs, last), 0);
+  fat.Table().RecycleClusters(&runs);
+  fat.Table().RecycleOneCluster(257 * PER_BLOCK);
+  EXPECT_EQ(fat.Take(), TRACE());
 }
 
 TEST_F(FatChains, LongChainOverManyBlocks_IsWrittenOnceAPassedBlockEach) {
@@ -960,6 +1145,28 @@ TEST_F(FatChains, FreedEntries_AreZeroUpToTheFirstFailure) {
   EXPECT_EQ(bench.Next(5 * PER_BLOCK - 1), 0u);
   EXPECT_GE(bench.Table().FreeEntries(700, 0), 0);
   EXPECT_EQ(bench.Next(700), 0xFFFFFFFFu);
+}
+
+TEST_F(FatChains, BlockOfAFreedEntryCannotBeRead_TheEntriesBelowAreFreeAndThoseFromItOnStay) {
+  CBlocks fat(CACHED_BLOCKS + 2);
+  const unsigned int border = 256 * PER_BLOCK;  // block 256 is not cached
+  for (unsigned int n = border - 2; n < border; ++n) ASSERT_EQ(fat.SetNext(n, 5), 0);
+  for (unsigned int n = border; n < border + 2; ++n) fat.Image().Set32(512 + std::uint64_t{n} * 4, 5);
+  fat.Medium().FailAt(1, FAULT_ONCE, IO_FILTER::Reads, -74);
+  EXPECT_EQ(fat.Table().FreeEntries(border - 2, 4), -74);
+  for (unsigned int n = border - 2; n < border + 2; ++n) EXPECT_EQ(fat.Next(n), n < border ? 0u : 5u) << n;
+}
+
+TEST_F(FatChains, FlushFailsAtAFreedEntry_ThatEntryIsFreeAndThoseBehindItStay) {
+  CBlocks fat(8);
+  for (unsigned int n = PER_BLOCK - 2; n < PER_BLOCK + 2; ++n) fat.Image().Set32(512 + std::uint64_t{n} * 4, 5);
+  ASSERT_GE(fat.Table().Destory(), 0);
+  ASSERT_GE(fat.Table().Create(FAT_BITS_32, 9, 8 * PER_BLOCK - 2), 0);
+  for (const unsigned int block : {6u, 7u}) ASSERT_EQ(fat.Change(block), 0);
+  fat.Medium().FailAt(1, FAULT_ONCE, IO_FILTER::Writes, -75);
+  EXPECT_EQ(fat.Table().FreeEntries(PER_BLOCK - 2, 4), -75);  // block 1 is the fourth one listed
+  const unsigned int expected[] = {0, 0, 0, 5};
+  for (unsigned int i = 0; i < 4; ++i) EXPECT_EQ(fat.Next(PER_BLOCK - 2 + i), expected[i]) << i;
 }
 
 }  // namespace

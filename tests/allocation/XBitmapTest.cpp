@@ -524,6 +524,12 @@ TEST(BmpRunArray, EveryTripleOfShortRuns_IsSortedStably) {
   }
 }
 
+TEST(BmpRunArray, Run_IsItsLengthAndThenItsStart) {
+  EXPECT_EQ(offsetof(BMP_RUN, Length), 0u);
+  EXPECT_EQ(offsetof(BMP_RUN, Start), 4u);
+  EXPECT_EQ(sizeof(BMP_RUN), 8u);
+}
+
 TEST(BmpRunArray, Cleared_AllLengthsAre0) {
   BMP_RUN memory[3] = {{1, 2}, {3, 4}, {5, 6}};
   CBmpRunArray array(memory, 3);
@@ -731,6 +737,36 @@ TEST(Bitmap, AllocatedAndFreed_LeavesNothingBehind) {
   map.FreeMem();
   ExpectEmpty(map);
   EXPECT_EQ(memory.Outstanding(), 0u);
+}
+
+TEST(Bitmap, StorageOfAnySize_IsWholeWordsOf32Bits) {
+  const std::pair<unsigned, std::size_t> sizes[] = {{0, 4},  {1, 4},  {24, 4},  {25, 4},     {31, 4},     {32, 4},
+                                                    {33, 8}, {64, 8}, {65, 12}, {1002, 128}, {1024, 128}, {1025, 132}};
+  CMemHooks memory;
+  CBitmap map;
+  for (const auto& [bits, bytes] : sizes) {
+    ASSERT_EQ(map.AllocMem(bits), STATUS_SUCCESS);
+    EXPECT_EQ(memory.OutstandingBytes(), bytes) << bits;
+  }
+  map.FreeMem();
+}
+
+TEST(Bitmap, StorageTakenOver_KeepsItsBitsAndIsFreedByTheBitmap) {
+  CMemHooks memory;
+  auto* storage = static_cast<unsigned char*>(osMemAlloc(8));
+  ASSERT_NE(storage, nullptr);
+  for (unsigned i = 0; i < 8; ++i) storage[i] = 0x0F;
+  CBitmap map;
+  map.Initialize(storage, 61);
+  EXPECT_EQ(map.Size(), 61u);
+  EXPECT_EQ(map.NumberOf_1_Bits(), 32u);
+  EXPECT_EQ(map.NumberOf_0_Bits(), 29u);
+  ASSERT_EQ(map.ReSize(500), STATUS_SUCCESS);
+  EXPECT_EQ(map.NumberOf_1_Bits(), 32u);
+  EXPECT_EQ(memory.Outstanding(), 1u);
+  map.FreeMem();
+  EXPECT_EQ(memory.Outstanding(), 0u);
+  EXPECT_EQ(memory.UnknownFrees(), 0u);
 }
 
 TEST(Bitmap, NoMemoryForStorage_FailsAndKeepsWhatWasThere) {

@@ -314,6 +314,18 @@ TEST_F(Runs, HoleFilledToContinueItsNeighbours_MergesWithThem) {
   EXPECT_EQ(RunsOf(m_Map), (std::vector<RUN>{{0, 20, 16}}));
 }
 
+TEST_F(Runs, HolesAndGapsFilledWithAHole_AreOneHoleWhereTheyTouch) {
+  ASSERT_TRUE(m_Map.AppendEntry(HOLE, 10));
+  ASSERT_TRUE(m_Map.AddEntry(3, HOLE, 2));
+  EXPECT_EQ(RunsOf(m_Map), (std::vector<RUN>{{0, HOLE, 10}}));
+  ASSERT_TRUE(m_Map.AppendEntry(GAP, 6));
+  ASSERT_TRUE(m_Map.AddEntry(10, HOLE, 4));
+  EXPECT_EQ(RunsOf(m_Map), (std::vector<RUN>{{0, HOLE, 14}, {14, GAP, 2}}));
+  ASSERT_TRUE(m_Map.AppendEntry(HOLE, 3));
+  ASSERT_TRUE(m_Map.AddEntry(14, HOLE, 2));
+  EXPECT_EQ(RunsOf(m_Map), (std::vector<RUN>{{0, HOLE, 19}}));
+}
+
 TEST_F(Runs, HoleAtTheEndFilledBeyondTheEnd_TheMapGetsLonger) {
   ASSERT_TRUE(m_Map.AppendEntry(20, 4));
   ASSERT_TRUE(m_Map.AppendEntry(HOLE, 2));
@@ -350,7 +362,14 @@ TEST_F(Runs, ImpossibleRuns_AreRefused) {
   EXPECT_EQ(StateOf(m_Map), before);
   ASSERT_TRUE(m_Map.AppendEntry(HOLE, 3));
   EXPECT_FALSE(m_Map.AppendEntry(HOLE, 0));
+  EXPECT_FALSE(m_Map.AppendEntry(HOLE, 0xFFFFFFF9u));  // would pass VBN 0xFFFFFFFE by making the last run longer
   EXPECT_EQ(m_Map.Length(), 7u);
+  ASSERT_TRUE(m_Map.AppendEntry(HOLE, 0xFFFFFFF0u));
+  ASSERT_TRUE(m_Map.AppendEntry(50, 4));
+  EXPECT_FALSE(m_Map.AppendEntry(54, 5));  // so would a run of clusters
+  EXPECT_TRUE(m_Map.AppendEntry(54, 4));
+  EXPECT_EQ(m_Map.Length(), 0xFFFFFFFFu);
+  EXPECT_TRUE(m_Map.CheckMapping());
 }
 
 TEST_F(Runs, LargestRuns_AreTaken) {
@@ -446,6 +465,13 @@ TEST_F(Runs, HoleInsertedAtAHole_MakesItLonger) {
     EXPECT_EQ(m_Map.NumberOfRuns(), 3u);
   }
   EXPECT_EQ(RunsOf(m_Map), (std::vector<RUN>{{0, 20, 4}, {4, HOLE, 5}, {9, 50, 4}}));
+}
+
+TEST_F(Runs, HoleInsertedInsideAGap_LeavesAGapOnEitherSide) {
+  ASSERT_TRUE(m_Map.AppendEntry(GAP, 4));
+  ASSERT_TRUE(m_Map.AppendEntry(50, 1));
+  ASSERT_TRUE(m_Map.SplitAsHole(1, 2));
+  EXPECT_EQ(RunsOf(m_Map), (std::vector<RUN>{{0, GAP, 1}, {1, HOLE, 2}, {3, GAP, 3}, {6, 50, 1}}));
 }
 
 TEST_F(Runs, HoleInsertedBeyondTheEndOrOfNoClusters_IsRefused) {
@@ -684,6 +710,23 @@ TEST(RunsPool, InitialisedTwice_KeepsThePool) {
   CRuns::UninitializeFirstPool();
   EXPECT_EQ(memory.Outstanding(), 0u);
   CRuns::UninitializeFirstPool();
+}
+
+TEST(RunsPool, Pool_StartsWithSixteenBlocksOf128BytesAndGrowsByAsMany) {
+  CMemHooks memory;
+  ASSERT_TRUE(CRuns::InitializeFirstPool());
+  const std::size_t blocks = memory.Outstanding();
+  const std::size_t bytes = memory.OutstandingBytes();
+  std::vector<CRuns> maps(33);
+  for (unsigned i = 0; i < 33; ++i) {
+    ASSERT_TRUE(maps[i].Initialize());
+    const unsigned grown = i / 16 * 16;
+    EXPECT_EQ(memory.Outstanding(), blocks + grown) << i;
+    EXPECT_EQ(memory.OutstandingBytes(), bytes + std::size_t{128} * grown) << i;
+  }
+  for (CRuns& map : maps) map.Uninitialize();
+  CRuns::UninitializeFirstPool();
+  EXPECT_EQ(memory.Outstanding(), 0u);
 }
 
 TEST(RunsPool, ManyMapsReturned_NothingIsLeftBehind) {
