@@ -42,20 +42,18 @@ class CDirectorySource {
   unsigned int m_nBytes;
 };
 
-/// Reads slots from memory.
+/// Reads slots that were kept.
 class CRawSource {
  public:
-  CRawSource(const unsigned char* data, unsigned int bytes) : m_pData(data), m_nSlots(bytes / DIRENT_SIZE) {}
+  explicit CRawSource(const CRawSlots& raw) : m_Raw(raw) {}
 
   int Read(unsigned int slot, const CDirEnt*& entry) const {
-    if (slot >= m_nSlots) return STATUS_END_OF_FILE;
-    entry = reinterpret_cast<const CDirEnt*>(m_pData + std::size_t{slot} * DIRENT_SIZE);
-    return STATUS_SUCCESS;
+    entry = m_Raw.At(slot);
+    return entry == nullptr ? STATUS_END_OF_FILE : STATUS_SUCCESS;
   }
 
  private:
-  const unsigned char* m_pData;
-  unsigned int m_nSlots;
+  const CRawSlots& m_Raw;
 };
 
 }  // namespace
@@ -73,8 +71,7 @@ CDirEntCache::CDirEntCache()
       m_nSlots(0),
       m_nUsedSlots(0),
       m_nFreeHint(0),
-      m_pRaw(nullptr),
-      m_nRawBytes(0) {
+      m_bParsing(false) {
   osMemCpy(m_Label, BLANK_NAME, SHORT_NAME_SIZE);
   m_Names.Initialize(NAME_BUCKETS);
   InitListHead(&m_Records);
@@ -83,7 +80,6 @@ CDirEntCache::CDirEntCache()
 CDirEntCache::~CDirEntCache() {
   DropRecords();
   osMemFree(m_ppSlots);
-  osMemFree(m_pRaw);
   m_UsedSlots.FreeMem();
 }
 
@@ -156,7 +152,7 @@ int CDirEntCache::MakeRecord(const CDirEnt& entry, unsigned int count, const uns
   osMemCpy(text, name, (nameUnits - 1) * static_cast<unsigned int>(sizeof(unsigned short)));
   text[nameUnits - 1] = 0;
   added->ShortEntry = entry;
-  added->nLongCount = count;
+  added->nLongCount = static_cast<unsigned short>(count);
   record = added;
   return STATUS_SUCCESS;
 }
@@ -175,8 +171,8 @@ int CDirEntCache::AddShortDirEnt(const CDirEnt& entry, unsigned int index, DENTC
   return AddRecord(entry, index, 0, SHORT_NAME_KEY(entry.Name).Units, record);
 }
 
-int CDirEntCache::AddLongDirEnt(const CDirEnt& entry, unsigned int index, unsigned int count, const unsigned short* name,
-                                DENTCTX*& record) {
+int CDirEntCache::AddLongDirEnt(const CDirEnt& entry, unsigned int index, unsigned int count,
+                                const unsigned short* name, DENTCTX*& record) {
   return AddRecord(entry, index, count, name, record);
 }
 
@@ -212,9 +208,7 @@ DENTCTX* CDirEntCache::FindByName(const unsigned short* name) {
   return static_cast<DENTCTX*>(m_Names.Search(name));
 }
 
-DENTCTX* CDirEntCache::FindByShortName(const unsigned char* name) {
-  return FindByName(SHORT_NAME_KEY(name).Units);
-}
+DENTCTX* CDirEntCache::FindByShortName(const unsigned char* name) { return FindByName(SHORT_NAME_KEY(name).Units); }
 
 void CDirEntCache::MoveUsedEntriesForward(unsigned int first, unsigned int count, unsigned int target) {
   const unsigned int delta = first - target;
@@ -283,8 +277,8 @@ int CDirEntCache::InitDotDirEnts(unsigned int bytesPerCluster, const CDirEnt* do
   return status;
 }
 
-/// A long name in the making. It lies on the medium last piece first: a name of 30 units as ordinals 0x43, 2, 1 and then the
-/// short entry, all with the same checksum, which must be that of the short entry's 11 name bytes.
+/// A long name in the making. It lies on the medium last piece first: a name of 30 units as ordinals 0x43, 2, 1 and
+/// then the short entry, all with the same checksum, which must be that of the short entry's 11 name bytes.
 struct CDirEntCache::LONG_NAME_RUN {
   unsigned short szName[LFN_MAX_ORDINAL * LFN_UNITS + 2];
   unsigned int nCount;      // pieces
@@ -314,8 +308,8 @@ struct CDirEntCache::LONG_NAME_RUN {
   }
 };
 
-// Reads a slot and marks it used unless it is deleted. STATUS_END_OF_FILE also stands for a slot that was never used: no
-// slot behind it is looked at.
+// Reads a slot and marks it used unless it is deleted. STATUS_END_OF_FILE also stands for a slot that was never used:
+// no slot behind it is looked at.
 template <class SOURCE>
 int CDirEntCache::Fetch(SOURCE& source, unsigned int slot, const CDirEnt*& entry) {
   const int status = source.Read(slot, entry);
@@ -380,38 +374,34 @@ int CDirEntCache::LoadAllDirEnts(CFatDir* dir) {
 // The file is read as a directory would be: block after block, up to and including the first one in which a slot starts
 // with a zero byte. Only that decides where the reading ends, so nothing else is looked at yet.
 int CDirEntCache::ScanRegularFile(CFatDir* file) {
-  constexpr unsigned int MAX_RAW_BYTES = MAX_SLOTS * DIRENT_SIZE;
   for (unsigned int block = 0;; ++block) {
     const unsigned char* data;
     unsigned int bytes;
-    const int status = file->PeekBlock(block, data, bytes);
+    BLOCK_LOAN* loan;
+    const int status = file->PeekBlock(block, data, bytes, &loan);
     if (status < 0) return status;
     unsigned int used = 0;
     while (used < bytes && data[used] != DIRENT_END) used += DIRENT_SIZE;
     const bool ended = used < bytes;
-    if (m_nRawBytes < MAX_RAW_BYTES && used != 0) {
-      void* raw = osMemRealloc(m_pRaw, m_nRawBytes + used);
-      if (raw == nullptr) return STATUS_NO_MEMORY;
-      m_pRaw = static_cast<unsigned char*>(raw);
-      osMemCpy(m_pRaw + m_nRawBytes, data, used);
-      m_nRawBytes += used;
-    }
+    if (used != 0 && !m_Raw.IsFull()) m_Raw.Append(*loan, data, used / DIRENT_SIZE);
     if (ended) return STATUS_SUCCESS;
   }
 }
 
 int CDirEntCache::ParseRaw() {
-  unsigned char* raw = m_pRaw;
-  m_pRaw = nullptr;  // the operations used below must not come back here
-  CRawSource source(raw, m_nRawBytes);
+  if (m_Raw.IsLost()) return STATUS_NO_MEMORY;
+  m_bParsing = true;  // the operations used below must not come back here
+  CRawSource source(m_Raw);
   const int status = Load(source);
+  m_bParsing = false;
   if (status != STATUS_END_OF_FILE && status < 0) {
     // Out of memory: as if nobody had asked, so that a later try may succeed.
     DropRecords();
+    m_bParsing = true;
     MarkFree(0, m_nSlots);
-    m_pRaw = raw;
+    m_bParsing = false;
     return status;
   }
-  osMemFree(raw);
+  m_Raw.Clear();
   return STATUS_SUCCESS;
 }

@@ -70,8 +70,8 @@ void CFatDir::FindNext(DENTCTX*& record) {
 int CFatDir::ReadSlots(unsigned int first, unsigned int count, CDirEnt* entries) {
   osMemZero(entries, count * DIRENT_SIZE);
   unsigned int done;
-  return Read(static_cast<long long>(first) * DIRENT_SIZE, count * DIRENT_SIZE, reinterpret_cast<unsigned char*>(entries),
-              &done);
+  return Read(static_cast<long long>(first) * DIRENT_SIZE, count * DIRENT_SIZE,
+              reinterpret_cast<unsigned char*>(entries), &done);
 }
 
 int CFatDir::WriteSlots(unsigned int first, unsigned int count, CDirEnt* entries) {
@@ -107,8 +107,8 @@ int CFatDir::AllocDirEntsByBitmap(unsigned int n, unsigned int* first) {
   return status;
 }
 
-// No run of free slots is long enough. Used runs are slid towards the start of the directory, one at a time from the front,
-// until the gap behind them holds n slots; what lies behind it stays in place.
+// No run of free slots is long enough. Used runs are slid towards the start of the directory, one at a time from the
+// front, until the gap behind them holds n slots; what lies behind it stays in place.
 int CFatDir::MakeRoom(unsigned int n, unsigned int& first) {
   unsigned int gap = 0;
   unsigned int length = m_pDirEntCache->NextFreeRun(0, gap);
@@ -271,8 +271,8 @@ int CFatDir::CreateSubDir(const unsigned short* name, unsigned char attribute, C
   return STATUS_SUCCESS;
 }
 
-// A new entry set whose object could not be made goes again. Left there, that of a directory would name a cluster of old
-// bytes.
+// A new entry set whose object could not be made goes again. Left there, that of a directory would name a cluster of
+// old bytes.
 void CFatDir::DropNewDirEnts(DENTCTX* record) {
   (void)DeleteDirEnts(record->FirstSlot(), record->nLongCount + 1);  // the first failure is the one to report
   m_pDirEntCache->RemoveDirEnts(record);

@@ -12,8 +12,8 @@
 namespace {
 
 constexpr unsigned int SUFFIX_DIGITS = 5;
-constexpr unsigned int MAX_TRIES = 2 * 99999;  // the counter's whole range, from any start and with any width of its first
-                                               // round: afterwards the tries repeat
+constexpr unsigned int MAX_TRIES = 2 * 99999;  // the counter's whole range, from any start and with any width of its
+                                               // first round: afterwards the tries repeat
 
 // The number of the next invented name: its last s_nNumWide digits are in use.
 unsigned char s_szSuffixNumber[SUFFIX_DIGITS] = {'0', '0', '0', '0', '1'};

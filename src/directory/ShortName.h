@@ -1,6 +1,6 @@
 /// @file ShortName.h
-/// The analysis of a file name: which 8.3 form it has, if any, and whether it needs long-name entries; and the invention
-/// of a short name with a numeric tail for a name that has none.
+/// The analysis of a file name: which 8.3 form it has, if any, and whether it needs long-name entries; and the
+/// invention of a short name with a numeric tail for a name that has none.
 ///
 /// Characters from 0x80 on are stored in the byte encoding of the process locale.
 
@@ -17,10 +17,10 @@ constexpr unsigned int MAX_NAME_UNITS = 260;
 
 /// A name as it is looked up or created. Independent of the text it was made from.
 struct DIRENT_NAME_CTX {
-  unsigned int nLongChars;                           // units of the long name; 0: a short entry alone will do
-  int nLastDot;                                      // index of the last "." in the name, -1 when there is none
-  unsigned char ShortName[SHORT_NAME_SIZE + 3];      // upper case, padded with spaces, then zeros; first byte 0: none
-  unsigned short szLongName[MAX_NAME_UNITS + 1];     // the name as given
+  unsigned int nLongChars;                        // units of the long name; 0: a short entry alone will do
+  int nLastDot;                                   // index of the last "." in the name, -1 when there is none
+  unsigned char ShortName[SHORT_NAME_SIZE + 3];   // upper case, padded with spaces, then zeros; first byte 0: none
+  unsigned short szLongName[MAX_NAME_UNITS + 1];  // the name as given
 
   bool HasShortName() const { return ShortName[0] != 0; }
 };
@@ -34,7 +34,8 @@ void AnalyseFullFileName(const unsigned short* name, DIRENT_NAME_CTX* context);
 /// @param dst        dstMax bytes; only those of the result are written
 /// @param converted  set to true when a unit from 0x80 on went through the locale; else left alone
 /// @return false when a unit may not be in a short name, or more than dstMax bytes were needed
-bool ToShortName(const unsigned short* src, unsigned int count, unsigned char* dst, unsigned int dstMax, bool& converted);
+bool ToShortName(const unsigned short* src, unsigned int count, unsigned char* dst, unsigned int dstMax,
+                 bool& converted);
 
 /// Converts as much as fits, dropping spaces and dots and replacing by "_" what a short name may not hold.
 /// @param dst        the field to write to; a character whose bytes would pass dstMax leaves spaces in the bytes of the

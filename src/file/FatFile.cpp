@@ -42,8 +42,8 @@ int CFatFile::Build(CFatVolume* volume, DENTCTX* context) {
   return LoadTotalAllocation();
 }
 
-// Follows the chain of the FAT into the map of clusters. The chain may be damaged in any way: it ends in a value that is
-// no cluster, leads out of the volume, or comes back to itself.
+// Follows the chain of the FAT into the map of clusters. The chain may be damaged in any way: it ends in a value that
+// is no cluster, leads out of the volume, or comes back to itself.
 int CFatFile::LoadTotalAllocation() {
   if (m_nFstClust == 0) {
     m_nAllocBytes = 0;
@@ -51,9 +51,9 @@ int CFatFile::LoadTotalAllocation() {
   }
   const unsigned int maxClustNo = m_pVolume->GetMaxClustNo();
   unsigned int cluster = m_nFstClust;
-  // A chain that returns to a cluster it has passed never ends. The mark is set anew after 1, 2, 4, 8 ... steps; once it
-  // lies on the loop, the loop leads back to it before the mark moves on. Without this a loop would only be noticed when
-  // more clusters were counted than the volume has.
+  // A chain that returns to a cluster it has passed never ends. The mark is set anew after 1, 2, 4, 8 ... steps; once
+  // it lies on the loop, the loop leads back to it before the mark moves on. Without this a loop would only be noticed
+  // when more clusters were counted than the volume has.
   unsigned int mark = 0;
   unsigned int stepsToMark = 1;
   unsigned int steps = 0;

@@ -1,12 +1,13 @@
 /// @file FatFile.h
 /// An open file or directory: its directory entry, the map of its clusters, its size, its offset and its cached blocks.
 ///
-/// Objects are counted. Whoever works with one holds a reference; the open-file cache holds one on every object in it. With
-/// the last reference an object writes its unsaved data and deletes itself.
+/// Objects are counted. Whoever works with one holds a reference; the open-file cache holds one on every object in it.
+/// With the last reference an object writes its unsaved data and deletes itself.
 ///
 ///   LIVE --Shutdown--> DEAD --last Release--> deleted
 ///   LIVE  belongs to a mounted volume, and is in the volume's list of objects.
-///   DEAD  the volume is gone, or the object is being deleted: no block, no cluster map, no volume. Only its handle is left,
+///   DEAD  the volume is gone, or the object is being deleted: no block, no cluster map, no volume. Only its handle is
+///   left,
 ///         which can be closed.
 
 #ifndef FATLIB_FATFILE_H
@@ -72,8 +73,8 @@ class CFileBase : public OS_ALLOCATED {
   virtual ~CFileBase() { m_HashIdx.Clean(); }
   virtual void Destroy() = 0;
 
-  FILE_KEY m_HashIdx;        // key in the open-file cache; the text is the object's own
-  FILE_LINK m_Link;          // place in that cache's recency list
+  FILE_KEY m_HashIdx;  // key in the open-file cache; the text is the object's own
+  FILE_LINK m_Link;    // place in that cache's recency list
   unsigned int m_nRefCount;
 };
 
@@ -109,21 +110,24 @@ class CFatFile : public CFileBase {
   void Seek(unsigned int distance, unsigned int method);
 
   /// Gives block `block` of the object in place (see CFileBlkCache::PeekBlock).
-  [[nodiscard]] int PeekBlock(unsigned int block, const unsigned char*& data, unsigned int& bytes) {
-    return m_BlkCache.PeekBlock(block, data, bytes, Limit());
+  [[nodiscard]] int PeekBlock(unsigned int block, const unsigned char*& data, unsigned int& bytes,
+                              BLOCK_LOAN** loan = nullptr) {
+    return m_BlkCache.PeekBlock(block, data, bytes, Limit(), loan);
   }
 
-  // Storage transfers for the block cache: the only place where file positions become positions on the medium. Positions
-  // are 32 bits; one that no cluster is mapped to gives STATUS_FILE_CORRUPT, with earlier parts of the transfer done.
+  // Storage transfers for the block cache: the only place where file positions become positions on the medium.
+  // Positions are 32 bits; one that no cluster is mapped to gives STATUS_FILE_CORRUPT, with earlier parts of the
+  // transfer done.
 
   [[nodiscard]] int ReadFromStorage(long long pos, unsigned int len, unsigned char* buf);
   /// Cut at the limit; with nothing left it succeeds without a transfer.
   [[nodiscard]] int WriteToStorage(long long pos, unsigned int len, unsigned char* buf);
 
-  /// Changes the allocation in whole clusters, and a file's size. New clusters of a file keep what the medium holds; those
-  /// of a directory are cleared.
+  /// Changes the allocation in whole clusters, and a file's size. New clusters of a file keep what the medium holds;
+  /// those of a directory are cleared.
   /// @param parent, context  where the object's directory entry is; both null: found by the object's path
-  /// @return negative: STATUS_INVALID_PARAMETER for more than 2^32 - cluster size bytes (nothing changed), STATUS_DISK_FULL,
+  /// @return negative: STATUS_INVALID_PARAMETER for more than 2^32 - cluster size bytes (nothing changed),
+  /// STATUS_DISK_FULL,
   ///         STATUS_FILE_CORRUPT, or that of a failed transfer
   [[nodiscard]] int SetSize(unsigned int size, CFatDir* parent, DENTCTX* context);
   /// Writes zeros through the block cache, in pieces of 512 bytes; a remainder of less is left out.
@@ -189,16 +193,16 @@ class CFatFile : public CFileBase {
   unsigned short m_szName[MAX_LONG_NAME];  // not terminated
   unsigned int m_nOffset;                  // file pointer
   unsigned int m_nFstClust;                // 0: no clusters; NO_CLUSTER: the fixed root directory
-  unsigned long long m_nAllocBytes;        // clusters in the map x cluster size; of the fixed root, the root area's size
+  unsigned long long m_nAllocBytes;  // clusters in the map x cluster size; of the fixed root, the root area's size
   CRuns m_Runs;
   BLOCK_CACHE m_BlkCache;
-  FILE_LINK m_VolumeLink;                  // in the volume's list of live objects
+  FILE_LINK m_VolumeLink;  // in the volume's list of live objects
 };
 
 extern template class CFileBlkCache<CFatFile>;
 
-/// Holds a reference for as long as it lives, so that nothing called meanwhile can destroy the object. Take it only after
-/// the test whether the object is open: it counts as a holder.
+/// Holds a reference for as long as it lives, so that nothing called meanwhile can destroy the object. Take it only
+/// after the test whether the object is open: it counts as a holder.
 template <class OBJECT>
 class CObjectRef {
  public:

@@ -6,6 +6,7 @@
 ///                  destroyed--> written if dirty --> FREE, or handed to the call that evicted it
 ///                  A victim whose write-back failed is LOST: in no list, until the pool is destroyed.
 ///   CACHED  in its file's table and in the recency list, exactly once each.
+///   ON LOAN a cached block that a borrower reads in place; the loan ends before the block changes or leaves.
 ///   CLEAN   the first nValid bytes equal the medium's.   DIRTY  they are newer.
 ///   Bytes at and behind nValid were never loaded; they read as 0, and are cleared before anyone sees them.
 ///
@@ -17,6 +18,7 @@
 
 #include <cstdint>
 
+#include "file/BlockLoan.h"
 #include "platform/ListEntry.h"
 #include "platform/Lookaside.h"
 #include "platform/Platform.h"
@@ -52,11 +54,13 @@ class CFileBlkCache {
   void Abandon() { ReleaseAllBlks(false); }
 
   /// Transfers `len` bytes at `pos`, which the caller has cut to the limit.
-  /// @param done   out: the bytes copied to or from cached blocks, plus, for each uncached piece, the length of the last
-  ///               piece if it was aligned and reached the end of the request; else nothing for them. Kept on purpose: the
-  ///               data is complete whatever it says. On failure what it held so far.
+  /// @param done   out: the bytes copied to or from cached blocks, plus, for each uncached piece, the length of the
+  /// last
+  ///               piece if it was aligned and reached the end of the request; else nothing for them. Kept on purpose:
+  ///               the data is complete whatever it says. On failure what it held so far.
   /// @param limit  the file's limit in bytes; nothing beyond is read from storage
-  /// @return negative: STATUS_NO_MEMORY, or the status of a failed transfer, also of another file's block that had to make
+  /// @return negative: STATUS_NO_MEMORY, or the status of a failed transfer, also of another file's block that had to
+  /// make
   ///         room. Blocks handled before stay cached.
   [[nodiscard]] int Read(long long pos, unsigned int len, unsigned char* buf, unsigned int* done, long long limit) {
     return Transfer<false>(pos, len, buf, done, limit);
@@ -71,8 +75,10 @@ class CFileBlkCache {
   /// Gives a block's bytes in place, loading it as a read from its start would.
   /// @param data   out: valid until the next call on any file's cache
   /// @param bytes  out: up to the limit; 1 to BLOCK_BYTES. Behind them zeros follow up to a multiple of 32.
+  /// @param loan   out, unless null: by which the caller may go on reading the bytes after that
   /// @return negative: STATUS_END_OF_FILE when the block starts at or beyond the limit, else as Read
-  [[nodiscard]] int PeekBlock(unsigned int blk, const unsigned char*& data, unsigned int& bytes, long long limit);
+  [[nodiscard]] int PeekBlock(unsigned int blk, const unsigned char*& data, unsigned int& bytes, long long limit,
+                              BLOCK_LOAN** loan = nullptr);
 
   /// For tests and statistics.
   bool IsCached(unsigned int blk) const;
@@ -80,12 +86,13 @@ class CFileBlkCache {
 
  private:
   struct FILE_BLOCK {
-    _LST_ENTRY LruLink;            // place in the pool's recency list
-    OWNER* pOwner;                  // null while free, held or lost
-    unsigned long long llOffset;   // file position of the first byte
-    bool bDirty;                   // newer than storage
-    unsigned int nValid;           // bytes of Data that were loaded or written
-    unsigned char* Data;           // BLOCK_BYTES, page-aligned
+    _LST_ENTRY LruLink;           // place in the pool's recency list
+    OWNER* pOwner;                // null while free, held or lost
+    unsigned long long llOffset;  // file position of the first byte
+    bool bDirty;                  // newer than storage
+    unsigned int nValid;          // bytes of Data that were loaded or written
+    unsigned char* Data;          // BLOCK_BYTES, page-aligned
+    BLOCK_LOAN Loan;
 
     unsigned int BlkNo() const { return static_cast<unsigned int>(llOffset / BLOCK_BYTES); }
     void ExtendValid(unsigned int bytes) {
@@ -100,8 +107,8 @@ class CFileBlkCache {
   /// The process-wide pool. Headers and data lie apart, so that the data can be page-aligned.
   struct CFileBlkPool : OS_ALLOCATED {
     unsigned int m_nTotal;
-    unsigned int m_nUsed;          // blocks handed out; the free ones are m_ppFreeBlocks[m_nUsed ..]
-    _LST_ENTRY m_LruList;          // cached blocks, least recently used first
+    unsigned int m_nUsed;  // blocks handed out; the free ones are m_ppFreeBlocks[m_nUsed ..]
+    _LST_ENTRY m_LruList;  // cached blocks, least recently used first
     FILE_BLOCK* m_pBlocks;
     void* m_pBlockMem;
     FILE_BLOCK** m_ppFreeBlocks;
@@ -129,13 +136,13 @@ class CFileBlkCache {
 
   /// One uncached piece of a request.
   struct SPLIT_INFO {
-    unsigned char* pBuf;        // the caller's buffer at the piece's start
-    long long llPos;            // file position of the piece's start
-    unsigned int nLen;          // bytes
+    unsigned char* pBuf;  // the caller's buffer at the piece's start
+    long long llPos;      // file position of the piece's start
+    unsigned int nLen;    // bytes
     unsigned int nFstBlk;
-    unsigned int nEndBlk;       // block after the last one
-    unsigned int nHeadOff;      // offset of llPos in its block
-    unsigned int nTailLen;      // bytes in the last block if it is covered in part, else 0
+    unsigned int nEndBlk;   // block after the last one
+    unsigned int nHeadOff;  // offset of llPos in its block
+    unsigned int nTailLen;  // bytes in the last block if it is covered in part, else 0
   };
 
   template <bool WRITE>

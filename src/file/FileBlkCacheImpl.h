@@ -48,6 +48,7 @@ int CFileBlkCache<OWNER>::CFileBlkPool::GetBlock(FILE_BLOCK*& block) {
   } else {
     if (IsListEmpty(&m_LruList)) return STATUS_NO_MEMORY;  // every block was lost
     taken = FATLIB_CONTAINER_OF(m_LruList.Flink, FILE_BLOCK, LruLink);
+    taken->Loan.End();
     const int status = FlushAndDelBlock(taken);
     taken->pOwner = nullptr;
     if (status < 0) return status;
@@ -200,6 +201,7 @@ int CFileBlkCache<OWNER>::FlushAllBlks(CBlkCacheBucket* bucket, bool write) {
     for (unsigned int i = 0; i < bucket->nCount; ++i) {
       FILE_BLOCK* block = bucket->Slots[i].pBlock;
       if (write && status >= 0) status = FlushBlockToStorage(block);
+      block->Loan.End();
       s_pFileBlkPool->RemoveFromLruList(block);
       s_pFileBlkPool->RecycleBlock(block);
     }
@@ -257,7 +259,8 @@ int CFileBlkCache<OWNER>::LoadNewBlock(unsigned int blk, long long limit, FILE_B
 }
 
 template <class OWNER>
-int CFileBlkCache<OWNER>::PeekBlock(unsigned int blk, const unsigned char*& data, unsigned int& bytes, long long limit) {
+int CFileBlkCache<OWNER>::PeekBlock(unsigned int blk, const unsigned char*& data, unsigned int& bytes, long long limit,
+                                    BLOCK_LOAN** loan) {
   constexpr unsigned int SLOT_MASK = 31;
   const unsigned int inBlock = BytesUpTo(limit, static_cast<long long>(blk) * BLOCK_BYTES);
   if (inBlock == 0) return STATUS_END_OF_FILE;
@@ -269,6 +272,7 @@ int CFileBlkCache<OWNER>::PeekBlock(unsigned int blk, const unsigned char*& data
   block->ExtendValid((inBlock + SLOT_MASK) & ~SLOT_MASK);
   data = block->Data;
   bytes = inBlock;
+  if (loan != nullptr) *loan = &block->Loan;
   return STATUS_SUCCESS;
 }
 
@@ -288,7 +292,10 @@ int CFileBlkCache<OWNER>::WriteFstClustOfDir(const void* data, unsigned int len)
 template <class OWNER>
 template <bool WRITE>
 void CFileBlkCache<OWNER>::CopyBlockBytes(FILE_BLOCK* block, unsigned int off, unsigned char* buf, unsigned int n) {
-  if (WRITE) block->bDirty = true;
+  if (WRITE) {
+    block->Loan.End();
+    block->bDirty = true;
+  }
   if (n == 0) return;  // the buffer may be null then
   if (WRITE) {
     block->ExtendValid(off);
@@ -304,7 +311,7 @@ void CFileBlkCache<OWNER>::CopyBlockBytes(FILE_BLOCK* block, unsigned int off, u
 template <class OWNER>
 template <bool WRITE>
 int CFileBlkCache<OWNER>::PartialBlock(unsigned int blk, unsigned int off, unsigned char* buf, unsigned int n,
-                                      long long limit) {
+                                       long long limit) {
   FILE_BLOCK* block;
   const int status = LoadNewBlock(blk, limit, block);
   if (status >= 0) CopyBlockBytes<WRITE>(block, off, buf, n);
@@ -340,8 +347,9 @@ int CFileBlkCache<OWNER>::ReadWhole(long long pos, unsigned int len, unsigned ch
   return status;
 }
 
-/// Carries out one uncached piece: a first block that is touched from its middle on, whole blocks, and a last block that
-/// is touched in part. Whole blocks are read with a single transfer, and written with none at all: they only get dirty.
+/// Carries out one uncached piece: a first block that is touched from its middle on, whole blocks, and a last block
+/// that is touched in part. Whole blocks are read with a single transfer, and written with none at all: they only get
+/// dirty.
 template <class OWNER>
 template <bool WRITE>
 int CFileBlkCache<OWNER>::SplitForBlks(const SPLIT_INFO& piece, long long limit) {
@@ -372,12 +380,12 @@ int CFileBlkCache<OWNER>::SplitForBlks(const SPLIT_INFO& piece, long long limit)
   return PartialBlock<WRITE>(endWhole, 0, buf, piece.nTailLen, limit);
 }
 
-/// Walks the request block by block: cached blocks are served at once, and the stretches between them are noted as pieces,
-/// which are carried out afterwards.
+/// Walks the request block by block: cached blocks are served at once, and the stretches between them are noted as
+/// pieces, which are carried out afterwards.
 template <class OWNER>
 template <bool WRITE>
 int CFileBlkCache<OWNER>::Transfer(long long pos, unsigned int len, unsigned char* buf, unsigned int* done,
-                                  long long limit) {
+                                   long long limit) {
   unsigned int blk = static_cast<unsigned int>(pos / BLOCK_BYTES);
   const unsigned int off = static_cast<unsigned int>(pos) & BLOCK_MASK;
   unsigned int nPieces = 0;

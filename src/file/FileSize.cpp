@@ -1,7 +1,7 @@
 /// @file FileSize.cpp
 /// CFatFile::SetSize, the only operation that changes how many clusters an object owns. Order of the writes: growing
-/// writes the FAT, then the cleared data of a directory, then the directory entry; shrinking frees the entries of the cut
-/// clusters, ends the chain, gives the clusters back, then writes the directory entry.
+/// writes the FAT, then the cleared data of a directory, then the directory entry; shrinking frees the entries of the
+/// cut clusters, ends the chain, gives the clusters back, then writes the directory entry.
 
 #include "directory/DirEntCache.h"
 #include "file/FatFile.h"
@@ -62,7 +62,8 @@ int CFatFile::GrowAllocation(unsigned long long oldAlloc64, unsigned int newAllo
   unsigned int vbn;
   unsigned int last = NO_CLUSTER;
   const bool hadClusters = m_Runs.GetLastEntry(&vbn, &last);
-  int status = m_pVolume->FAT()->AllocateClusters(m_pVolume->ClustersFromBytesTruncate(newAlloc - oldAlloc), &added, last);
+  int status =
+      m_pVolume->FAT()->AllocateClusters(m_pVolume->ClustersFromBytesTruncate(newAlloc - oldAlloc), &added, last);
   if (status < 0) return status;
   if (!hadClusters) SetFirstCluster(last);
   const unsigned int clustersBefore = m_Runs.Length();
@@ -85,13 +86,14 @@ int CFatFile::GrowAllocation(unsigned long long oldAlloc64, unsigned int newAllo
 int CFatFile::ShrinkAllocation(unsigned int oldAlloc, unsigned int newAlloc) {
   CTemporaryRuns tail;
   if (!tail.IsUsable()) return STATUS_NO_MEMORY;
-  const unsigned int count = m_pVolume->ClustersFromBytesTruncate(oldAlloc - newAlloc + m_pVolume->BytesPerCluster() - 1);
+  const unsigned int count =
+      m_pVolume->ClustersFromBytesTruncate(oldAlloc - newAlloc + m_pVolume->BytesPerCluster() - 1);
   if (!m_Runs.MoveTailTo(&tail, count)) return STATUS_NO_MEMORY;
   return ReleaseTail(&tail);
 }
 
-// Frees clusters that were cut off the end of the map. The bitmap comes last: a failure leaves them marked used there, so
-// that nobody gets a cluster whose entry may still be linked.
+// Frees clusters that were cut off the end of the map. The bitmap comes last: a failure leaves them marked used there,
+// so that nobody gets a cluster whose entry may still be linked.
 int CFatFile::ReleaseTail(CRuns* tail) {
   CFatTable* fat = m_pVolume->FAT();
   for (unsigned int run = 1; run <= tail->NumberOfRuns(); ++run) {

@@ -564,6 +564,57 @@ TEST_F(DirEntCacheLoad, LabelInsideARun_BreaksIt) {
   EXPECT_EQ(std::string(cache.VolumeLabel(), cache.VolumeLabel() + 11), "THE LABEL  ");
 }
 
+TEST_F(DirEntCacheLoad, SeveralLabels_TheLastOneIsKept) {
+  CDirEntCache& cache = Load({Short("FIRST LABEL", 0x08), Short("NAME       "), Short("LAST LABEL ", 0x28)});
+  EXPECT_EQ(NamesOf(cache), NAMES{"NAME       "});
+  EXPECT_EQ(std::string(cache.VolumeLabel(), cache.VolumeLabel() + 11), "LAST LABEL ");
+  EXPECT_EQ(cache.FreeSlots(), 13u) << "labels take up their slots";
+}
+
+TEST_F(DirEntCacheLoad, LastPieceWithOrdinalZero_IsSkippedAndStaysUsed) {
+  SLOTS slots = Set("long name", "LONGNA~1   ");
+  slots[0][0] = 0x40;
+  CDirEntCache& cache = Load(slots);
+  EXPECT_EQ(NamesOf(cache), NAMES{"LONGNA~1   "});
+  EXPECT_EQ(cache.FreeSlots(), 14u);
+}
+
+TEST_F(DirEntCacheLoad, FlagOfTheLastPieceInsideARun_IsNotLookedAt) {
+  SLOTS slots = Set("a name of two pieces", "ANAMEO~1   ");
+  slots[1][0] = 0x41;
+  EXPECT_EQ(NamesOf(Load(slots)), NAMES{"a name of two pieces"});
+}
+
+TEST_F(DirEntCacheLoad, PieceOutOfOrderOrOfAnotherChecksum_BreaksTheRunAndStaysUsed) {
+  const SLOTS whole = Set("a name of three pieces, if not four", "ANAMEO~1   ");
+  ASSERT_EQ(whole.size(), 4u);
+  for (const std::size_t piece : {1u, 2u}) {
+    SLOTS checksum = whole;
+    ++checksum[piece][13];
+    SLOTS order = whole;
+    order[piece][0] = 3;
+    SLOTS missing = whole;
+    missing.erase(missing.begin() + static_cast<std::ptrdiff_t>(piece));
+    for (const SLOTS& slots : {checksum, order, missing}) {
+      CDirEntCache& cache = Load(slots);
+      EXPECT_EQ(NamesOf(cache), NAMES{"ANAMEO~1   "}) << piece;
+      EXPECT_EQ(Enumerate(cache)[0]->nLongCount, 0u);
+      EXPECT_EQ(cache.FreeSlots(), 16 - slots.size());
+    }
+  }
+}
+
+TEST_F(DirEntCacheLoad, EndMarkerInsideARunOrBehindIt_EndsTheDirectory) {
+  const SLOTS whole = Set("a name of two pieces", "ANAMEO~1   ");
+  for (const std::size_t end : {1u, 2u}) {
+    SLOTS slots = whole;
+    slots.insert(slots.begin() + static_cast<std::ptrdiff_t>(end), RAW_ENTRY{});
+    CDirEntCache& cache = Load(Join({{Short("BEFORE     ")}, slots}));
+    EXPECT_EQ(NamesOf(cache), NAMES{"BEFORE     "}) << end;
+    EXPECT_EQ(cache.FreeSlots(), 15 - end);
+  }
+}
+
 TEST_F(DirEntCacheLoad, EntryThatBreaksARun_StartsOneOfItsOwn) {
   SLOTS torn = Set("a name of two pieces", "ANAMEO~1   ");
   torn.resize(1);
@@ -1185,6 +1236,24 @@ TEST_F(DirEntCacheRecords, GrowToFewerSlots_CutsTheMapButNoRecord) {
   EXPECT_EQ(Enumerate(*m_pCache), (RECORDS{near, far}));
   ASSERT_EQ(m_pCache->Grow(32), STATUS_SUCCESS);
   EXPECT_EQ(m_pCache->FreeSlots(), 32u) << "slots that come back are free";
+}
+
+TEST_F(DirEntCacheRecords, FullMapCutAndGrownAgain_TheLowestSlotThatCameBackIsFound) {
+  ASSERT_EQ(m_pCache->Grow(32), STATUS_SUCCESS);
+  ASSERT_EQ(m_pCache->MarkUsed(0, 32), STATUS_SUCCESS);
+  ASSERT_EQ(m_pCache->Grow(16), STATUS_SUCCESS);
+  ASSERT_EQ(m_pCache->Grow(64), STATUS_SUCCESS);
+  unsigned int first = 0;
+  EXPECT_EQ(m_pCache->FindFreeSlots(3, first), STATUS_SUCCESS);
+  EXPECT_EQ(first, 16u);
+}
+
+TEST_F(DirEntCacheRecords, RecordBehindTheCutMap_IsStillListed) {
+  ASSERT_EQ(m_pCache->Grow(64), STATUS_SUCCESS);
+  ASSERT_EQ(m_pCache->Grow(16), STATUS_SUCCESS);
+  DENTCTX* record = AddShort("BEHIND     ", 60);
+  EXPECT_EQ(Enumerate(*m_pCache), RECORDS{record}) << "the slot table never shrinks";
+  EXPECT_EQ(m_pCache->FreeSlots(), 16u);
 }
 
 TEST_F(DirEntCacheRecords, SlotsTheDirectoryDoesNotHave_AreIgnored) {

@@ -175,6 +175,20 @@ TEST_P(FatFileWidths, StartClusterOutsideTheVolume_IsCorrupt) {
   EXPECT_EQ(Mapped(*file), CLUSTERS({last}));
 }
 
+// The low half alone names a healthy chain: only FAT32 has the cluster that both halves name.
+TEST_P(FatFileWidths, HighHalfOfTheStartCluster_CountsOnEveryWidth) {
+  FAT_GEOMETRY geometry = SmallVolume(GetParam());
+  if (GetParam() == 32) geometry.Clusters = 70000;
+  CImageBuilder builder(geometry);
+  builder.SetChain({10, 11});
+  if (GetParam() == 32) builder.SetChain({0x1000A, 0x1000B, 0x1000C});
+  MountBuilt(builder);
+  CBuilt file(Fs(), 0x1000A, 0);
+  EXPECT_EQ(file.Status, GetParam() == 32 ? 0 : DISK_CORRUPT);
+  EXPECT_EQ(file->FirstCluster(), 0x1000Au);
+  EXPECT_EQ(Mapped(*file), GetParam() == 32 ? Range(0x1000A, 3) : CLUSTERS());
+}
+
 TEST_P(FatFileWidths, LoopingChains_AreCorrupt) {
   CImageBuilder builder(SmallVolume(GetParam()));
   builder.SetFatEntry(10, 10);  // itself
@@ -1202,6 +1216,50 @@ TEST_F(FatFile, BlockOfTheParentCannotBeLoaded_UpdateReturnsTheStatus) {
                     static_cast<long long>(builder.ClusterOffset(builder.DirectoryClusters(dir)[0])), 512, 0}}));
 }
 
+TEST_F(FatFile, EntryCannotBeWritten_ItsRecordHasTheNewBytesAllTheSame) {
+  CImageBuilder builder(SmallVolume(16));
+  const CImageBuilder::DIRECTORY dir = builder.AddDir(CImageBuilder::Root(), "D");
+  const unsigned int slot = builder.AddFile(dir, "F", Content(10, 2));
+  MountBuilt(builder);
+  COpened parent(Fs(), "D");
+  COpened file(Fs(), "D\\F");
+  EvictAllBlocks();
+  file->Info()->Attribute = 0x27;
+  Medium().FailAt(1, FAULT_ONCE, IO_FILTER::Reads);
+  EXPECT_EQ(file->UpdateShortDirEnt(nullptr, nullptr), IO_ERROR);
+  EXPECT_EQ(parent.Dir()->LookupFile(CPath("F"))->ShortEntry.Attribute, 0x27);
+  EXPECT_EQ(parent->RefCount(), 2u) << "closed again";
+  EXPECT_EQ(ReadObject(*parent, 512)[32 * slot + 11], 0x20);
+}
+
+TEST_F(FatFile, UpdateInTheRoot_LeavesTheRootsReferencesAndOffset) {
+  CImageBuilder builder(SmallVolume(16));
+  builder.AddFile(CImageBuilder::Root(), "F", Content(10, 2));
+  MountBuilt(builder);
+  COpened file(Fs(), "F");
+  const CObjectRef<CFatDir> root(Fs().Root());
+  BYTES buffer(32);
+  unsigned int done;
+  EXPECT_EQ(root->Read(32, buffer.data(), &done), 0);
+  EXPECT_EQ(file->UpdateShortDirEnt(nullptr, nullptr), 0);
+  EXPECT_EQ(root->RefCount(), 2u);
+  EXPECT_EQ(root->Offset(), 32u);
+}
+
+// A failed look-up in the root closes nothing: the root was not opened for it.
+TEST_F(FatFile, EntryInTheRootIsGone_OtherReferencesOnTheRootStay) {
+  CImageBuilder builder(SmallVolume(16));
+  builder.AddFile(CImageBuilder::Root(), "OLD", Content(10, 2));
+  MountBuilt(builder);
+  COpened file(Fs(), "OLD");
+  ASSERT_EQ(Fs().RenameFile(CPath("OLD"), CPath("NEW")), 0);
+  const CObjectRef<CFatDir> root(Fs().Root());
+  for (unsigned int i = 0; i < 3; ++i) {
+    EXPECT_EQ(file->UpdateShortDirEnt(nullptr, nullptr), FILE_CORRUPT);
+    EXPECT_EQ(root->RefCount(), 2u);
+  }
+}
+
 TEST_P(FatFileWidths, UpdateDotDot_WritesTheNewParentsStartCluster) {
   FAT_GEOMETRY geometry = SmallVolume(GetParam());
   if (GetParam() == 32) geometry.Clusters = 70000;
@@ -1296,6 +1354,53 @@ TEST_P(FatFileWidths, LastReference_WritesDirtyBlocksAndFreesAll) {
   EXPECT_EQ(CFatFile::BLOCK_CACHE::BlocksInUse(), blocks);
   EXPECT_LE(Memory().Outstanding(), outstanding + 1);  // the map's array is kept in stock
   EXPECT_EQ(Medium().Image().ReadBytes(builder.ClusterOffset(20), 376), BYTES(376, 0xAB));
+}
+
+TEST_P(FatFileWidths, LastReferenceOfADirectoryOrOfAnOpenedFile_FreesItsEntriesToo) {
+  CImageBuilder builder(SmallVolume(GetParam()));
+  const CImageBuilder::DIRECTORY dir = builder.AddDir(CImageBuilder::Root(), "D");
+  for (unsigned int i = 0; i < 12; ++i) builder.AddFile(dir, "a long name " + std::to_string(i));
+  builder.AddFile(CImageBuilder::Root(), "F", CImageBuilder::Pattern(2000, 1));
+  MountBuilt(builder);
+  for (const char* path : {"D", "F"}) {
+    std::size_t outstanding = 0;
+    for (unsigned int round = 0; round < 3; ++round) {
+      COpened object(Fs(), path);
+      ASSERT_EQ(object.Status, 0);
+      ASSERT_NE(object->DirEntCache(), nullptr);
+      (void)object.Dir()->LookupFile(CPath("x"));  // a file's entries are looked at on first use
+      Fs().FileCache()->Del(object.Get());
+      EXPECT_EQ(object->RefCount(), 1u);
+      object.Close();
+      if (round == 0) outstanding = Memory().Outstanding();
+      EXPECT_EQ(Memory().Outstanding(), outstanding) << path;
+    }
+  }
+}
+
+TEST_F(FatFile, NewKey_TakesOverItsTextAndFreesTheOneBefore) {
+  MountBuilt(*std::make_unique<CImageBuilder>(SmallVolume(16)));
+  CFatDir* file = new CFatDir;
+  file->AddRef();
+  const std::size_t outstanding = Memory().Outstanding();
+  const unsigned short* text = nullptr;
+  for (const char* path : {"dir\\one", "dir\\two", "three"}) {
+    PATH_HASH hash;
+    CPath units(path);
+    hash.Calc(units);
+    TriHashIdx key;
+    ASSERT_TRUE(key.CopyLastUpcaseStr(hash));
+    text = key.NamePtr();
+    file->CloneHashIdx(key);
+    EXPECT_EQ(file->PathIndexName(), text) << "the text itself, not a copy";
+    EXPECT_EQ(file->FullPathFileNameUpcase(), text);
+    EXPECT_TRUE(file->HashIdx().SameKey(hash.Full));
+    EXPECT_EQ(CFileBase::FromHashIdx(&file->HashIdx()), file);
+    EXPECT_EQ(Memory().Outstanding(), outstanding + 1);
+  }
+  EXPECT_EQ(ToUtf8Z(text, 260), "THREE");
+  EXPECT_TRUE(file->Release()) << "the last reference: it is gone";
+  EXPECT_EQ(Memory().Outstanding(), outstanding - 1);
 }
 
 TEST_P(FatFileWidths, CloseOfTheRoot_NeverDropsTheVolumesReference) {
@@ -1516,6 +1621,20 @@ TEST_F(FatFileHuge, RunOfExactly4GiB_IsTransferredByItsTrueLength) {
                                      {IO_KIND::ReadBytes, start + 5, 0x90000, 0},
                                      {IO_KIND::WriteBytesAligned, start + 0xFFFC0000LL, 0x38000, 0},
                                      {IO_KIND::WriteBytes, start + 0xFFFF8000LL, 0x7FFF, 0}}));
+}
+
+TEST_F(FatFileHuge, FragmentsMeetAt4GiB_ATransferEndsThereWithItsFirstPartDone) {
+  CImageBuilder builder = HugeVolume(CLUSTERS_OF_4_GIB);
+  builder.SetChain(Range(FIRST, CLUSTERS_OF_4_GIB) + Range(FIRST + CLUSTERS_OF_4_GIB + 10, 5));
+  const long long start = static_cast<long long>(builder.ClusterOffset(FIRST));
+  MountBuilt(builder);
+  CBuilt dir(Fs(), FIRST, 0, 0x10);
+  ASSERT_EQ(dir.Status, 0);
+  BYTES buffer(1000);
+  EXPECT_EQ(dir->ReadFromStorage(0xFFFFFF00LL, 1000, buffer.data()), FILE_CORRUPT);
+  EXPECT_EQ(dir->WriteToStorage(0xFFFFFF00LL, 1000, buffer.data()), FILE_CORRUPT);
+  EXPECT_EQ(Medium().Trace(), TRACE({{IO_KIND::ReadBytes, start + 0xFFFFFF00LL, 0x100, 0},
+                                     {IO_KIND::WriteBytes, start + 0xFFFFFF00LL, 0x100, 0}}));
 }
 
 TEST_F(FatFileHuge, DirectoryLongerThan4GiB_EndsThere) {

@@ -1145,6 +1145,7 @@ TEST_F(FileBlkCache, FailedEviction_FailsTheRequestAndLosesTheBlock) {
   EXPECT_TRUE(other.Cached(1));
   EXPECT_EQ(CACHE::BlocksInUse(), 2u) << "lost, not free";
   ExpectPoolHoldsTogether();
+  EXPECT_EQ((*Reveal(POOL_TAG()))->m_pBlocks[0].pOwner, nullptr) << "the lost block names nobody";
 
   file.Load(0);  // takes the only block left, whose file is not written again
   EXPECT_FALSE(other.Cached(1));
