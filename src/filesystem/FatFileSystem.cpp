@@ -16,10 +16,7 @@ bool CFatFileSystem::Mount(CVolumeStorage* storage, void* param) {
   void* const storageMemory = dynamic_cast<void*>(storage);
   if (storage->Open(param) >= 0) {
     m_FileCache.Initialize();
-    if (CFatVolume::Mount(storage) >= 0) {
-      m_bMounted = true;
-      return true;
-    }
+    if (CFatVolume::Mount(storage) >= 0) return true;
     (void)storage->Close();
   }
   ::operator delete(storageMemory);  // no destructor runs, as hosts are told
@@ -27,7 +24,6 @@ bool CFatFileSystem::Mount(CVolumeStorage* storage, void* param) {
 }
 
 bool CFatFileSystem::Unmount() {
-  m_bMounted = false;
   (void)ResetFat32FsInfo();  // a volume with a bad FSInfo sector is unmounted all the same
   if (CFatVolume::Unmount() < 0) {
     ReleaseObjects(false);
@@ -40,7 +36,6 @@ bool CFatFileSystem::Unmount() {
 }
 
 void CFatFileSystem::Abandon() {
-  m_bMounted = false;
   CFatVolume::Abandon();
   ReleaseObjects(false);
 }
@@ -107,7 +102,8 @@ int CFatFileSystem::EnterDirectory(DENTCTX* entry, const PATH_HASH& hash, unsign
 
 /// @param parent  out: the directory that holds the last component; referenced
 /// @param entry   out: that component's record
-int CFatFileSystem::FindFileUnCached(const unsigned short* path, const PATH_HASH& hash, CDirRef& parent, DENTCTX*& entry) {
+int CFatFileSystem::FindFileUnCached(const unsigned short* path, const PATH_HASH& hash, CDirRef& parent,
+                                     DENTCTX*& entry) {
   PATH_WALK walk;
   int status = StartWalk(path, hash, walk, parent);
   while (status >= 0) {
@@ -197,8 +193,8 @@ int CFatFileSystem::CreateFileOrDir(const unsigned short* path, CFatFile** file,
   return STATUS_SUCCESS;
 }
 
-// Finds or makes the directory that the last separator of the path ends. From the first missing one on, the rest is made
-// without looking.
+// Finds or makes the directory that the last separator of the path ends. From the first missing one on, the rest is
+// made without looking.
 int CFatFileSystem::CreateOrOpenDir(const unsigned short* path, const PATH_HASH& hash, CDirRef& dir) {
   PATH_WALK walk;
   int status = StartWalk(path, hash, walk, dir);

@@ -8,7 +8,8 @@
 /// Paths are normalised: no leading separator, single separators, at most 259 units.
 ///
 /// Two rules keep objects and paths valid across nested calls:
-///  - what the hash of a path told (its key, its prefixes) is a record of the call that hashed it: growing a directory in
+///  - what the hash of a path told (its key, its prefixes) is a record of the call that hashed it: growing a directory
+///  in
 ///    the middle of a creation resolves another path;
 ///  - a call holds a reference on every object it works with, taken after the tests whether the object is open.
 
@@ -28,12 +29,13 @@ struct FIND_CTX : OS_ALLOCATED {
 
 class CFatFileSystem : public CFatVolume, public OS_ALLOCATED {
  public:
-  CFatFileSystem() : m_bMounted(false), m_RegistryLink() { m_RegistryLink.pFileSystem = this; }
+  CFatFileSystem() : m_RegistryLink() { m_RegistryLink.pFileSystem = this; }
   CFatFileSystem(const CFatFileSystem&) = delete;
   CFatFileSystem& operator=(const CFatFileSystem&) = delete;
 
   /// Opens the storage and mounts the volume on it.
-  /// @return false: everything is released again, the storage object's memory too (unless it is null). A device that was
+  /// @return false: everything is released again, the storage object's memory too (unless it is null). A device that
+  /// was
   ///         opened stays open when the boot sector or the volume is refused in Open; it is closed when mounting fails.
   bool Mount(CVolumeStorage* storage, void* param);
   /// Writes everything back and closes the storage. @return false when the FAT could not be written: everything else is
@@ -41,18 +43,19 @@ class CFatFileSystem : public CFatVolume, public OS_ALLOCATED {
   bool Unmount();
   /// Drops everything without a transfer; the storage stays open.
   void Abandon();
-  bool IsMounted() const { return m_bMounted; }
 
   /// @param file  out: referenced for the caller. The same object for the same path as long as it is cached
   /// @return negative: STATUS_NOT_FOUND, STATUS_FILE_CORRUPT when the object cannot be built, STATUS_NO_MEMORY
   [[nodiscard]] int OpenFile(const unsigned short* path, CFatFile** file);
   /// Create a file or directory, and the missing directories of its path.
   /// @return negative: STATUS_NAME_EXISTS, or a status of CFatDir. Directories made before the failure stay
-  [[nodiscard]] int CreateFile(const unsigned short* path, unsigned int size, unsigned char attributes, CFatFile** file);
+  [[nodiscard]] int CreateFile(const unsigned short* path, unsigned int size, unsigned char attributes,
+                               CFatFile** file);
   [[nodiscard]] int CreateDir(const unsigned short* path, unsigned char attributes, CFatDir** dir);
   static void CloseFile(CFatFile* file) { (void)file->Close(); }
 
-  /// @return negative, with nothing changed: STATUS_REFUSED when it is open or a directory with entries, STATUS_NOT_FOUND;
+  /// @return negative, with nothing changed: STATUS_REFUSED when it is open or a directory with entries,
+  /// STATUS_NOT_FOUND;
   ///         or a status of CFatDir
   [[nodiscard]] int DeleteFile(const unsigned short* path);
   /// Gives a file or directory another name in its directory. A cached object stays cached under its old path.
@@ -116,7 +119,6 @@ class CFatFileSystem : public CFatVolume, public OS_ALLOCATED {
   void ReleaseObjects(bool writeBack);
 
   CFileCache m_FileCache;
-  bool m_bMounted;
   REGISTRY_LINK m_RegistryLink;
 };
 

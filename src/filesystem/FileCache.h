@@ -1,6 +1,6 @@
 /// @file FileCache.h
-/// The cache of open file and directory objects, found by their upper-cased full path. It holds one reference on each, so
-/// that objects stay in memory after the host closed them, up to 160 of them.
+/// The cache of open file and directory objects, found by their upper-cased full path. It holds one reference on each,
+/// so that objects stay in memory after the host closed them, up to 160 of them.
 
 #ifndef FATLIB_FILECACHE_H
 #define FATLIB_FILECACHE_H
@@ -16,8 +16,8 @@ class CFileCache {
   CFileCache() : m_nCount(0) { InitListHead(&m_LruList); }
 
   void Initialize();
-  /// Releases every object, least recently used first. An object that others hold too dies at its turn, with its unsaved
-  /// data written.
+  /// Releases every object, least recently used first. An object that others hold too dies at its turn, with its
+  /// unsaved data written.
   /// @param writeBack  false: nothing is written
   void Terminate(bool writeBack);
 

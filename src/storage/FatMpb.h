@@ -8,25 +8,25 @@
 
 /// The fields of a FAT boot sector that the library reads. Offsets from the first byte of the medium.
 struct BOOT_SECTOR {
-  std::uint8_t Jump[3];          // 0x000  first byte 0xE9, 0xEB or 0x49
-  std::uint8_t OemName[8];       // 0x003
-  le16 BytesPerSector;           // 0x00B  power of two, 128 to 4096
-  std::uint8_t SectorsPerCluster;// 0x00D  power of two, 1 to 128
-  le16 ReservedSectors;          // 0x00E  sectors before the first FAT, not 0
-  std::uint8_t NumberOfFats;     // 0x010  not 0
-  le16 RootEntries;              // 0x011  entries of the fixed root directory; 0 on FAT32
-  le16 TotalSectors16;           // 0x013  0: see TotalSectors32
-  std::uint8_t Media;            // 0x015
-  le16 SectorsPerFat16;          // 0x016  0 marks a FAT32 volume
-  std::uint8_t Geometry[8];      // 0x018  sectors per track, heads, hidden sectors: not used
-  le32 TotalSectors32;           // 0x020
-  le32 SectorsPerFat32;          // 0x024  this field and those below: FAT32 only
-  le16 ExtFlags;                 // 0x028  bit 7: mirroring is off
-  le16 Version;                  // 0x02A  must be 0
-  le32 RootCluster;              // 0x02C
-  le16 FsInfoSector;             // 0x030
-  std::uint8_t Rest[460];        // 0x032
-  le16 Signature;                // 0x1FE  0xAA55
+  std::uint8_t Jump[3];            // 0x000  first byte 0xE9, 0xEB or 0x49
+  std::uint8_t OemName[8];         // 0x003
+  le16 BytesPerSector;             // 0x00B  power of two, 128 to 4096
+  std::uint8_t SectorsPerCluster;  // 0x00D  power of two, 1 to 128
+  le16 ReservedSectors;            // 0x00E  sectors before the first FAT, not 0
+  std::uint8_t NumberOfFats;       // 0x010  not 0
+  le16 RootEntries;                // 0x011  entries of the fixed root directory; 0 on FAT32
+  le16 TotalSectors16;             // 0x013  0: see TotalSectors32
+  std::uint8_t Media;              // 0x015
+  le16 SectorsPerFat16;            // 0x016  0 marks a FAT32 volume
+  std::uint8_t Geometry[8];        // 0x018  sectors per track, heads, hidden sectors: not used
+  le32 TotalSectors32;             // 0x020
+  le32 SectorsPerFat32;            // 0x024  this field and those below: FAT32 only
+  le16 ExtFlags;                   // 0x028  bit 7: mirroring is off
+  le16 Version;                    // 0x02A  must be 0
+  le32 RootCluster;                // 0x02C
+  le16 FsInfoSector;               // 0x030
+  std::uint8_t Rest[460];          // 0x032
+  le16 Signature;                  // 0x1FE  0xAA55
 };
 static_assert(sizeof(BOOT_SECTOR) == 512 && alignof(BOOT_SECTOR) == 1, "one 512-byte sector");
 static_assert(offsetof(BOOT_SECTOR, BytesPerSector) == 11 && offsetof(BOOT_SECTOR, SectorsPerCluster) == 13 &&
@@ -43,13 +43,13 @@ static_assert(offsetof(BOOT_SECTOR, BytesPerSector) == 11 && offsetof(BOOT_SECTO
 struct FAT_MPB {
   std::uint8_t NumberOfFats;
   std::uint8_t SectorsPerCluster;
-  std::uint16_t TotalSectors16;   // 0 when the volume has 65536 sectors or more
+  std::uint16_t TotalSectors16;  // 0 when the volume has 65536 sectors or more
   std::uint16_t RootEntries;
   std::uint16_t SectorsPerFat16;  // 0 marks a FAT32 volume
   std::uint16_t BytesPerSector;
   std::uint16_t ReservedSectors;
   std::uint32_t FsInfoSector;
-  std::uint32_t TotalSectors32;   // valid when TotalSectors16 is 0
+  std::uint32_t TotalSectors32;  // valid when TotalSectors16 is 0
   std::uint32_t SectorsPerFat32;
   std::uint32_t RootDirCluster;
 

@@ -8,8 +8,8 @@
 
 namespace {
 
-constexpr unsigned int MAX_FAT12_CLUSTERS = 4086;  // on purpose two more than the customary bound
-constexpr unsigned int MAX_FAT16_CLUSTERS = 0xFFF6;      // cluster numbers beyond would read as end of chain
+constexpr unsigned int MAX_FAT12_CLUSTERS = 4086;    // on purpose two more than the customary bound
+constexpr unsigned int MAX_FAT16_CLUSTERS = 0xFFF6;  // cluster numbers beyond would read as end of chain
 constexpr unsigned int MAX_FAT32_CLUSTERS = 0x0FFFFFF6;
 constexpr unsigned int FS_INFO_BYTES = 512;
 constexpr unsigned int FS_INFO_UNKNOWN = 0xFFFFFFFF;
@@ -130,6 +130,9 @@ void CFatVolume::Abandon() {
 
 void CFatVolume::BackupFirstFat() {
   if (m_nSectorsPerFat == 0) return;
+  // No volume has use for a FAT of more than 1 GiB and a sector. Where a boot sector claims one, most of it is not
+  // there.
+  if (m_nSectorsPerFat > (1u << 30) / m_nBytesPerSector + 1) return;
   unsigned char* fat = static_cast<unsigned char*>(osMemAllocArray(m_nSectorsPerFat, m_nBytesPerSector));
   if (fat == nullptr) return;
   if (ReadSectors(fat, m_nFatStartSector, m_nSectorsPerFat) >= 0) {

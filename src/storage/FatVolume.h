@@ -1,7 +1,7 @@
 /// @file FatVolume.h
-/// A volume's geometry, derived from the boot sector, and what is done to the volume as a whole: mounting, the FAT32 FSInfo
-/// sector and the second FAT at unmount. The volume is its own FAT table, and the first part of its file system: one
-/// object seen as three classes.
+/// A volume's geometry, derived from the boot sector, and what is done to the volume as a whole: mounting, the FAT32
+/// FSInfo sector and the second FAT at unmount. The volume is its own FAT table, and the first part of its file system:
+/// one object seen as three classes.
 
 #ifndef FATLIB_FATVOLUME_H
 #define FATLIB_FATVOLUME_H
@@ -30,7 +30,8 @@ static_assert(offsetof(FSINFO_SECTOR, StructSignature) == 484 && offsetof(FSINFO
 
 class CFatVolume : public CFatTable {
  public:
-  /// Reads the geometry, the whole FAT and the root directory. The storage must have been opened, and not been used since.
+  /// Reads the geometry, the whole FAT and the root directory. The storage must have been opened, and not been used
+  /// since.
   /// @return negative: STATUS_UNRECOGNIZED_VOLUME for a geometry that no FAT can have, STATUS_NO_MEMORY,
   ///         STATUS_DISK_CORRUPT without a root directory, or the status of a failed read. Everything is released then.
   [[nodiscard]] int Mount(CVolumeStorage* storage);
@@ -40,15 +41,17 @@ class CFatVolume : public CFatTable {
   /// The same without a single transfer: unsaved changes are lost.
   void Abandon();
 
-  /// Copies the first FAT over the second one, in one read and one write. Failures are swallowed, and the number of FATs
-  /// is not looked at: on a volume with one FAT this overwrites what lies behind it.
+  /// Copies the first FAT over the second one, in one read and one write. Failures are swallowed, and the number of
+  /// FATs is not looked at: on a volume with one FAT this overwrites what lies behind it.
   void BackupFirstFat();
   /// FAT32: declares the free count and the next-free hint unknown; the library never maintains them.
-  /// @return 0 on FAT12 and FAT16; negative: a failed transfer, or STATUS_DISK_CORRUPT for a wrong signature (nothing is
+  /// @return 0 on FAT12 and FAT16; negative: a failed transfer, or STATUS_DISK_CORRUPT for a wrong signature (nothing
+  /// is
   ///         written then)
   int ResetFat32FsInfo();
 
-  /// @return clusters of the data area: (total - overhead) / sectors per cluster, all unsigned 32-bit and truncating, the
+  /// @return clusters of the data area: (total - overhead) / sectors per cluster, all unsigned 32-bit and truncating,
+  /// the
   ///         root area counted without the sector that it ends in
   static unsigned int NumberOfClusters(const FAT_MPB& mpb);
   /// Fills in the geometry.
@@ -118,18 +121,18 @@ class CFatVolume : public CFatTable {
   int OpenRootDir(unsigned int rootCluster, unsigned int rootBytes);
   void ReleaseRoot(bool writeBack);
 
-  CVolumeStorage* m_pStorage;       // not owned
-  CFatDir* m_pRoot;                 // a counted reference from mount to unmount
+  CVolumeStorage* m_pStorage;  // not owned
+  CFatDir* m_pRoot;            // a counted reference from mount to unmount
   unsigned int m_nFatStartSector;
-  unsigned int m_nSectorsPerFat;    // 0 when the boot sector states no FAT
-  unsigned int m_nClusters;         // valid cluster numbers are 2 .. m_nClusters + 1
+  unsigned int m_nSectorsPerFat;  // 0 when the boot sector states no FAT
+  unsigned int m_nClusters;       // valid cluster numbers are 2 .. m_nClusters + 1
   unsigned int m_nBytesPerSector;
   unsigned int m_nBytesPerCluster;
   unsigned int m_nClusterShift;
   unsigned int m_nClusterMask;
-  long long m_nRootDirByteOff;      // FAT12/16: the fixed root area; FAT32: cluster RootDirCluster
-  long long m_nDataByteOff;         // cluster 2
-  unsigned int m_nFsInfoSector;     // FAT32 only
+  long long m_nRootDirByteOff;   // FAT12/16: the fixed root area; FAT32: cluster RootDirCluster
+  long long m_nDataByteOff;      // cluster 2
+  unsigned int m_nFsInfoSector;  // FAT32 only
   FAT_IDX_BITS m_nFatBits;
   bool m_bFat32;
   _LST_ENTRY m_Objects;

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr unsigned int DBR_BYTES = 2048;           // what Open reads of the medium, whatever its sector size
+constexpr unsigned int DBR_BYTES = 2048;  // what Open reads of the medium, whatever its sector size
 constexpr unsigned int MIN_BYTES_PER_SECTOR = 128;
 constexpr unsigned int MAX_BYTES_PER_SECTOR = 4096;
 constexpr unsigned int MAX_SECTORS_PER_CLUSTER = 128;
@@ -198,7 +198,8 @@ int CFatMemory::_ReadBytes(CVolumeStorage* storage, unsigned char* buffer, long 
   if (self.m_nVolumeBytes == VOLUME_BYTES_UNKNOWN && position == 0 && count > BOOT_BYTES) {
     // The boot sector is being read: the image of a small volume may end before the bytes asked for.
     const BOOT_SECTOR& boot = *reinterpret_cast<const BOOT_SECTOR*>(from);
-    const unsigned int total = boot.TotalSectors16.Load() != 0 ? boot.TotalSectors16.Load() : boot.TotalSectors32.Load();
+    const unsigned int total =
+        boot.TotalSectors16.Load() != 0 ? boot.TotalSectors16.Load() : boot.TotalSectors32.Load();
     const unsigned long long bytes = static_cast<unsigned long long>(total) * boot.BytesPerSector.Load();
     if (bytes < n) n = bytes < BOOT_BYTES ? BOOT_BYTES : static_cast<unsigned int>(bytes);
     std::memset(buffer + n, 0, count - n);
@@ -275,7 +276,8 @@ int CFatPartition::Transfer(bool write, unsigned char* buffer, long long sector,
   for (;;) {
     const unsigned long long rest = bytes - moved;
     const std::size_t piece = static_cast<std::size_t>(rest < MAX_TRANSFER_BYTES ? rest : MAX_TRANSFER_BYTES);
-    const ssize_t result = write ? ::write(descriptor, buffer + moved, piece) : ::read(descriptor, buffer + moved, piece);
+    const ssize_t result =
+        write ? ::write(descriptor, buffer + moved, piece) : ::read(descriptor, buffer + moved, piece);
     if (result < 0) return -1;
     moved += static_cast<unsigned long long>(result);
     // Only what the kernel cannot move in one call is moved in several. A piece cut short ends the transfer.
@@ -287,7 +289,8 @@ int CFatPartition::Transfer(bool write, unsigned char* buffer, long long sector,
 
 int CFatPartition::TransferScratch(bool write, long long sector) const { return Transfer(write, m_pDbrBuf, sector, 1); }
 
-int CFatPartition::_ReadSectors(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count) {
+int CFatPartition::_ReadSectors(CVolumeStorage* storage, unsigned char* buffer, long long position,
+                                unsigned int count) {
   return static_cast<CFatPartition*>(storage)->Transfer(false, buffer, position, count);
 }
 

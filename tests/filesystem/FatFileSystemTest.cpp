@@ -252,10 +252,13 @@ TEST_F(FatFileSystemPaths, OpenedByPath_EveryObjectHasItsEntriesLoaded) {
 
 TEST_F(FatFileSystemPaths, Unmounted_CacheIsEmpty) {
   CloseObject(Opened("A\\B\\C"));
-  EXPECT_TRUE(m_pFs->IsMounted());
   EXPECT_TRUE(Unmount(m_pFs));
-  EXPECT_FALSE(m_pFs->IsMounted());
   EXPECT_EQ(Count(), 0u);
+}
+
+TEST_F(FatFileSystem, NullStorage_DoesNotMount) {
+  CFatFileSystem fileSystem;
+  EXPECT_FALSE(fileSystem.Mount(nullptr, nullptr));
 }
 
 TEST_F(FatFileSystem, ObjectThatCannotBeBuilt_GivesFileCorruptAndIsNotCached) {
@@ -810,17 +813,21 @@ TEST_F(FatFileSystem, PathBelowARegularFileWithoutMemory_FailsButIsNeverTakenFor
   const RAW_ENTRY entry = CImageBuilder::ShortEntry(CImageBuilder::ShortName("INSIDE"), 0x20, 0, 0);
   std::copy(entry.begin(), entry.end(), bytes.begin());
   m_Builder.AddFile(ROOT, "F", bytes);
-  bool fired = true;
-  for (unsigned int nth = 1; fired; ++nth) {
-    MountBuilt();
-    EXPECT_TRUE(Exists("F"));
-    Memory().FailAt(nth, CMemHooks::ONCE);
-    const int status = OpenStatus("F\\INSIDE");
-    fired = Memory().Fired();
-    Memory().Heal();
-    EXPECT_TRUE(status == 0 || status == STATUS_NO_MEMORY || status == STATUS_FILE_CORRUPT) << nth << ": " << status;
-    EXPECT_EQ(OpenStatus("F\\INSIDE"), 0) << nth;
-    EXPECT_TRUE(Unmount(m_pFs));
+  for (const bool cached : {true, false}) {
+    bool fired = true;
+    for (unsigned int nth = 1; fired; ++nth) {
+      MountBuilt();
+      if (cached) {
+        EXPECT_TRUE(Exists("F"));
+      }
+      Memory().FailAt(nth, CMemHooks::ONCE);
+      const int status = OpenStatus("F\\INSIDE");
+      fired = Memory().Fired();
+      Memory().Heal();
+      EXPECT_TRUE(status == 0 || status == STATUS_NO_MEMORY || status == STATUS_FILE_CORRUPT) << nth << ": " << status;
+      EXPECT_EQ(OpenStatus("F\\INSIDE"), 0) << nth;
+      EXPECT_TRUE(Unmount(m_pFs));
+    }
   }
 }
 

@@ -6,7 +6,9 @@
 #include <cstring>
 #include <functional>
 
+#include "filesystem/FatFileSystem.h"
 #include "support/LibFixture.h"
+#include "support/VolumeReader.h"
 
 namespace {
 
@@ -107,6 +109,31 @@ TEST_F(MemoryFailure, GrowingAFragmentedFile_LosesNoCluster) {
   });
 }
 
+// The first object of a volume makes the cache's table, too.
+TEST_F(MemoryFailure, FirstCreationOfAVolume_IsCachedOrLeavesNothing) {
+  for (const bool directory : {false, true}) {
+    FailEachAllocation([&](unsigned int k, const std::function<bool()>& fired) {
+      CMedium medium(CImageBuilder(Fat16()).Image());
+      CFatFileSystem* fileSystem = MountMedium(medium);
+      const auto create = [directory] {
+        if (directory) return Fat_CreateDir(CPath("a new name"), 0) == 1;
+        const int handle = Fat_CreateFile(CPath("a new name"), 700, 0);
+        return handle >= 0 && Fat_CloseFile(handle) == 1;
+      };
+      Memory().FailAt(k, CMemHooks::ONCE);
+      const bool created = create();
+      EXPECT_EQ(!fired(), created) << k;
+      EXPECT_EQ(created ? 1u : 0u, fileSystem->FileCache()->Count()) << k;
+      EXPECT_EQ(!created, create()) << k;
+      EXPECT_TRUE(Unmount(fileSystem));
+      const CVolumeReader reader(medium.Image());
+      EXPECT_EQ("", reader.ProblemText()) << k;
+      EXPECT_EQ(1u, reader.Tree().size()) << k;
+      EXPECT_TRUE(reader.LostClusters().empty()) << k;
+    });
+  }
+}
+
 TEST_F(MemoryFailure, GrowingADirectory_ShowsNoOldBytesAsEntries) {
   FailEachAllocation([&](unsigned int k, const std::function<bool()>& fired) {
     CImageBuilder builder(Fat16());
@@ -162,6 +189,27 @@ TEST_F(MemoryFailure, DeletingAFileTurnedDirectory_IsRefusedWhileItHasEntries) {
     EXPECT_EQ(0u, Fat_DeleteFile(CPath("f"))) << k;
     (void)fired();
     EXPECT_TRUE(Exists("f")) << k;
+    EXPECT_TRUE(Unmount(fileSystem));
+  });
+}
+
+TEST_F(MemoryFailure, MovingIntoAFileTurnedDirectory_MakesNoSecondEntryOfAName) {
+  FailEachAllocation([&](unsigned int k, const std::function<bool()>& fired) {
+    CImageBuilder builder(Fat16());
+    builder.AddFile(builder.Root(), "F", FileWithEntryX());
+    builder.AddFile(builder.Root(), "X", Filled(10, 'x'));
+    CMedium medium(builder.Image());
+    CFatFileSystem* fileSystem = MountMedium(medium);
+    const int handle = Fat_OpenFile(CPath("f"));
+    WIN_FIND_DATA data;
+    ASSERT_EQ(1u, Fat_GetFileAttribute(handle, &data));
+    data.dwFileAttributes = 0x10;
+    ASSERT_EQ(1u, Fat_SetFileAttribute(handle, &data));
+    ASSERT_EQ(1u, Fat_CloseFile(handle));
+    Memory().FailAt(k, CMemHooks::ONCE);
+    EXPECT_EQ(0u, Fat_MoveFile(CPath("x"), CPath("f"))) << k;
+    (void)fired();
+    EXPECT_EQ(Filled(10, 'x'), ReadPath("x")) << k;
     EXPECT_TRUE(Unmount(fileSystem));
   });
 }

@@ -448,6 +448,22 @@ TEST_F(Namespace, RenamedCachedObject_IsTheLastOneToBeEvicted) {
   EXPECT_TRUE(IsCached("F"));
 }
 
+// Its parent was opened on the way, but the object comes after it.
+TEST_F(Namespace, RenamedCachedObjectInADirectory_IsNewerThanItsParent) {
+  auto builder = std::make_unique<CImageBuilder>(Small(16));
+  builder->AddFile(builder->AddDir(CImageBuilder::Root(), "D"), "F");
+  MakeSpare(*builder);
+  MountBuilt(*builder);
+  Cache("D\\F");
+  constexpr unsigned int OTHERS = CFileCache::MAX_OBJECTS - 2;
+  for (unsigned int i = 0; i < OTHERS; ++i) Cache(SpareName(i));
+  ASSERT_EQ(Rename("D\\F", "G"), STATUS_SUCCESS);
+  // One more than the others: the last one takes the place of the older of the two.
+  for (unsigned int i = 0; i <= OTHERS; ++i) Cache(SpareName((OTHERS + i) % CFileCache::MAX_OBJECTS));
+  EXPECT_FALSE(IsCached("D"));
+  EXPECT_TRUE(IsCached("D\\F"));
+}
+
 TEST_F(Namespace, ManyRenamesOfOneUncachedFile_LeaveOneEntry) {
   auto builder = Populated(Small(12));
   MountBuilt(*builder);
@@ -827,6 +843,23 @@ TEST_F(NamespaceRoot, RenamedCachedDirectoryGrowsThroughItsOldPath_FailsAndTheRo
   }
   EXPECT_GE(made, 14u) << "its one cluster has room";
   EXPECT_LT(made, 20u) << "its entry is not found when it must grow";
+}
+
+// It was not opened for the change, so it is not closed after it: who reads through it keeps reference and offset.
+TEST_F(NamespaceRoot, CachedObjectsInTheRootAreChanged_TheRootIsNotClosed) {
+  WIN_FIND_DATA data{};
+  FIND_CTX* search = Fs()->FindFirstFile(nullptr, &data);
+  ASSERT_NE(search, nullptr);
+  BYTES entry(32);
+  unsigned int done = 0;
+  ASSERT_EQ(Root()->Read(32, entry.data(), &done), STATUS_SUCCESS);
+  for (const char* path : {"F", "long name.txt", "EMPTY"}) Cache(path);
+  EXPECT_EQ(Rename("F", "G"), STATUS_SUCCESS);
+  EXPECT_EQ(Move("long name.txt", "B"), STATUS_SUCCESS);
+  EXPECT_EQ(Delete("EMPTY"), STATUS_SUCCESS);
+  EXPECT_EQ(Root()->RefCount(), 2u);
+  EXPECT_EQ(Root()->Offset(), 32u);
+  CFatFileSystem::CloseFindCtx(search);
 }
 
 TEST_F(NamespaceRoot, UnbalancedCloseOfTheRoot_DropsNoReference) {

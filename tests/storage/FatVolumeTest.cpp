@@ -193,6 +193,10 @@ TEST_F(Volume, RootAreaThatEndsInsideASector_CountsOneSectorLessThanItTakes) {
   EXPECT_EQ(volume.DataByteOff() - volume.RootDirByteOff(), 2 * 512);
 }
 
+TEST_F(Volume, RootEntriesOfAFat32Volume_DoNotCount) {
+  ExpectGeometry(Changed(Fat32Mpb(), [](FAT_MPB& mpb) { mpb.RootEntries = 512; }));
+}
+
 TEST_F(Volume, NumberOfClusters_Truncates) {
   const auto withTotal = [](unsigned int total) {
     return CFatVolume::NumberOfClusters(
@@ -584,6 +588,21 @@ TEST_F(VolumeMount, BackEndThatAcceptsAnyBootSector_ClustersOfNoSectorAreRefused
   storage.Close();
 }
 
+TEST_F(VolumeMount, BackEndThatContradictsItsBootSector_IsRefused) {
+  class CContrary : public CFatMemory {
+   public:
+    unsigned int GetBytesPerSector(void*) override { return 1024; }
+  };
+  BYTES image = ImageOf(Geometry(12)).ToVector();  // 512 bytes per sector
+  image.resize(2 * image.size());
+  CContrary storage;
+  ASSERT_EQ(storage.Open(image.data()), 0);
+  CFatFileSystem fileSystem;
+  CFatVolume& volume = fileSystem;
+  EXPECT_EQ(volume.Mount(&storage), UNRECOGNIZED);
+  storage.Close();
+}
+
 // ---------------------------------------------------------------- roots that cannot be loaded
 
 int StatusOfMount(const CDiskImage& image) {
@@ -666,6 +685,7 @@ TEST_F(VolumeMount, AnyReadFailing_ReturnsItsStatusAndLeavesNothing) {
 TEST_F(VolumeMount, AnyAllocationFailing_FailsAndLeavesNothing) {
   for (const unsigned int bits : {12u, 16u, 32u}) {
     const CDiskImage image = SmallVolume(bits);
+    std::set<int> statuses;
     for (const CMemHooks::DURATION duration : {CMemHooks::ONCE, CMemHooks::FOR_GOOD}) {
       for (unsigned int failAt = 1;; ++failAt) {
         CVolumeBench bench{image};
@@ -680,11 +700,12 @@ TEST_F(VolumeMount, AnyAllocationFailing_FailsAndLeavesNothing) {
           break;
         }
         // Without an object for the root the stated status is that of a damaged disk.
-        EXPECT_TRUE(status == NO_MEMORY || status == DISK_CORRUPT) << failAt << ": " << status;
+        statuses.insert(status);
         EXPECT_EQ(Memory().Outstanding(), outstanding) << failAt;
         EXPECT_EQ(bench.Medium().Writes(), 0u);
       }
     }
+    EXPECT_EQ(statuses, (std::set<int>{NO_MEMORY, DISK_CORRUPT}));
   }
 }
 
@@ -769,6 +790,14 @@ TEST_F(FsInfo, SectorBehindTheImagesEnd_IsDiskCorruptOrAnIoError) {
   EXPECT_EQ(bench.Volume().ResetFat32FsInfo(), IO_ERROR);
   EXPECT_EQ(bench.Medium().Writes(), 0u);
   EXPECT_EQ(bench.Medium().Trace().front(), (IO_RECORD{IO_KIND::ReadBytes, 0xFFFFLL * 512, 512, 0}));
+}
+
+TEST_F(FsInfo, SectorZero_IsTheBootSectorAndIsNotWritten) {
+  const CDiskImage image = ImageWith(Geometry(32, 1000), [](CDiskImage& i) { i.Set16(48, 0); });
+  CVolumeBench bench{image};
+  ASSERT_GE(bench.Mount(), 0);
+  EXPECT_EQ(bench.Volume().ResetFat32FsInfo(), DISK_CORRUPT);
+  EXPECT_EQ(bench.Medium().Trace(), (TRACE{{IO_KIND::ReadBytes, 0, 512, 0}}));
 }
 
 TEST_F(FsInfo, SectorsOfEverySize_KeepWhatLiesBehindThe512Bytes) {
@@ -910,6 +939,20 @@ TEST_F(FatBackup, FatOfMoreBytesThanAnAllocationTakes_NothingIsTransferred) {
   ASSERT_GE(bench.Mount(), 0);
   bench.Volume().BackupFirstFat();
   EXPECT_EQ(bench.Medium().Transfers(), 0u);
+}
+
+TEST_F(FatBackup, FatOfMoreThanAVolumeCanUse_NothingIsTransferred) {
+  // 1 GiB holds the entries of the largest volume; a sector more is let pass for the two entries without a cluster.
+  for (const unsigned int sectors : {0x00200002u, 0x007FFFFFu}) {
+    FAT_GEOMETRY geometry = Geometry(32, 1000);
+    geometry.SectorsPerFat = sectors;
+    CVolumeBench bench{ImageOf(geometry)};
+    ASSERT_GE(bench.Mount(), 0);
+    Memory().ResetLargest();
+    bench.Volume().BackupFirstFat();
+    EXPECT_EQ(bench.Medium().Transfers(), 0u) << sectors;
+    EXPECT_EQ(Memory().LargestRequest(), 0u) << sectors;
+  }
 }
 
 // ---------------------------------------------------------------- unmounting

@@ -13,6 +13,7 @@
 #include <array>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -483,6 +484,28 @@ class CProbe : public CExposed<CFatStorage> {
 
   SETTINGS m_Settings;
 };
+
+template <class STORAGE>
+void ExpectMemberOrder() {
+  CExposed<STORAGE> storage;
+  const std::vector<const void*> members{&storage.m_hDevice,
+                                         &storage.m_pDbrBuf,
+                                         &storage.m_nSectorShift,
+                                         &storage.m_nBytesPerSector,
+                                         &storage.m_pfnGetMpb,
+                                         &storage.m_pfnReadBytes,
+                                         &storage.m_pfnWriteBytes,
+                                         &storage.m_pfnReadBytesAligned,
+                                         &storage.m_pfnWriteBytesAligned,
+                                         &storage.m_pfnReadSectors,
+                                         &storage.m_pfnWriteSectors};
+  EXPECT_TRUE(std::is_sorted(members.begin(), members.end(), std::less<const void*>()));
+}
+
+TEST(StorageClasses, Members_LieInTheStatedOrder) {
+  ExpectMemberOrder<CFatMemory>();
+  ExpectMemberOrder<CFatPartition>();
+}
 
 /// Expects every block that the library took to be freed again.
 class StorageLife : public ::testing::Test {
@@ -1127,7 +1150,7 @@ TEST_F(MemoryBound, VolumeSaidToBeLargerThanTheAddressSpace_WildPositionsStillFa
 }
 
 #if UINTPTR_MAX > 0xFFFFFFFFu
-TEST_F(MemoryBound, ImageBeyondFourGiB_IsReachedByItsFullPosition) {
+TEST_F(MemoryBound, PositionBeyondFourGiB_IsReachedInFullOrRefusedWhereMemoryEnds) {
   const std::size_t bytes = std::size_t{5} << 30;
   void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   ASSERT_NE(memory, MAP_FAILED);
@@ -1146,6 +1169,16 @@ TEST_F(MemoryBound, ImageBeyondFourGiB_IsReachedByItsFullPosition) {
   EXPECT_EQ(m_Storage.ReadBytes(read.data(), position, SECTOR), 0);
   EXPECT_EQ(read, written);
   munmap(memory, bytes);
+}
+#else
+TEST_F(MemoryBound, PositionBeyondFourGiB_IsReachedInFullOrRefusedWhereMemoryEnds) {
+  m_Storage.Close();
+  Put16(m_Image, 19, 0);
+  Put32(m_Image, 32, (5ull << 30) / SECTOR);
+  m_Before = m_Image;
+  ASSERT_EQ(m_Storage.Open(m_Image.data()), 0);
+  ExpectRefused((1LL << 32) + SECTOR, SECTOR);
+  ExpectSectorsRefused((1LL << 32) / SECTOR + 1, 1);
 }
 #endif
 
@@ -1223,6 +1256,49 @@ TEST_F(DeviceTransfers, UnalignedWriteOf1000BytesAt100_RewritesThePartialSectors
   EXPECT_EQ(ReadHostFile(m_Path), image);
   EXPECT_EQ(Scratch(), SectorOf(image, 2));
   EXPECT_EQ(FilePosition(), 1536);
+}
+
+/// The reads and writes that the kernel has done for this process.
+struct SYSTEM_CALLS {
+  unsigned long long Reads = 0;
+  unsigned long long Writes = 0;
+
+  static SYSTEM_CALLS Now() {
+    const BYTES bytes = ReadHostFile("/proc/self/io");
+    const std::string text(bytes.begin(), bytes.end());
+    SYSTEM_CALLS calls;
+    EXPECT_EQ(std::sscanf(text.c_str(), "%*s %*u %*s %*u %*s %llu %*s %llu", &calls.Reads, &calls.Writes), 2) << text;
+    return calls;
+  }
+};
+
+TEST_F(DeviceTransfers, EachSectorTransfer_IsOneCallOfTheKernel) {
+  Open(PatternImage(SECTOR, 1));
+  BYTES buffer(IMAGE_BYTES);
+  const SYSTEM_CALLS start = SYSTEM_CALLS::Now();
+  const SYSTEM_CALLS idle = SYSTEM_CALLS::Now();  // looking makes calls itself
+  const auto callsOf = [&](const std::function<int()>& transfer) {
+    const SYSTEM_CALLS before = SYSTEM_CALLS::Now();
+    EXPECT_GE(transfer(), 0);
+    const SYSTEM_CALLS after = SYSTEM_CALLS::Now();
+    return std::make_pair(after.Reads - before.Reads - (idle.Reads - start.Reads),
+                          after.Writes - before.Writes - (idle.Writes - start.Writes));
+  };
+  using CALLS_MADE = std::pair<unsigned long long, unsigned long long>;
+  unsigned char* bytes = buffer.data();
+  EXPECT_EQ(callsOf([&] { return m_Storage.ReadSectors(bytes, 0, IMAGE_BYTES / SECTOR); }), (CALLS_MADE{1, 0}));
+  EXPECT_EQ(callsOf([&] { return m_Storage.WriteSectors(bytes, 1, 100); }), (CALLS_MADE{0, 1}));
+  EXPECT_EQ(callsOf([&] { return m_Storage.ReadBytesAligned(bytes, 0, 8192); }), (CALLS_MADE{1, 0}));
+  EXPECT_EQ(callsOf([&] { return m_Storage.WriteBytesAligned(bytes, 512, 8192); }), (CALLS_MADE{0, 1}));
+  EXPECT_EQ(callsOf([&] { return m_Storage.ReadBytes(bytes, 512, 8192); }), (CALLS_MADE{1, 0}));
+  EXPECT_EQ(callsOf([&] { return m_Storage.WriteBytes(bytes, 512, 8192); }), (CALLS_MADE{0, 1}));
+  // Head, middle and tail; each partial sector that is written is read first.
+  EXPECT_EQ(callsOf([&] { return m_Storage.ReadBytes(bytes, 100, 1000); }), (CALLS_MADE{3, 0}));
+  EXPECT_EQ(callsOf([&] { return m_Storage.WriteBytes(bytes, 100, 1000); }), (CALLS_MADE{2, 3}));
+  EXPECT_EQ(callsOf([&] { return m_Storage.ReadBytes(bytes, 100, 20000); }), (CALLS_MADE{3, 0}));
+  EXPECT_EQ(callsOf([&] { return m_Storage.WriteBytes(bytes, 100, 20000); }), (CALLS_MADE{2, 3}));
+  EXPECT_EQ(callsOf([&] { return m_Storage.WriteBytes(bytes, 100, 412); }), (CALLS_MADE{1, 1}));
+  EXPECT_EQ(callsOf([&] { return m_Storage.WriteBytes(bytes, 512, 10); }), (CALLS_MADE{1, 1}));
 }
 
 TEST_F(DeviceTransfers, AlignedRead_LeavesTheScratchBufferAlone) {
@@ -1476,7 +1552,7 @@ class CHugeBuffer {
 constexpr unsigned int HUGE_SECTORS = 0x80001;  // of 4096 bytes: 8 KiB more than one call moves
 constexpr std::size_t HUGE_BYTES = std::size_t{HUGE_SECTORS} * 4096;
 
-TEST_F(DeviceTransfers, ReadOfMoreThanOneCallMoves_IsCompleteAndItsCountCapped) {
+TEST_F(DeviceTransfers, ReadOfMoreThanOneCallMoves_IsWholeOrRefusedWhereMemoryEnds) {
   Open(PatternImage(4096, 1));
   const int sparse = memfd_create("sparse", 0);
   ASSERT_EQ(ftruncate(sparse, static_cast<off_t>(HUGE_BYTES)), 0);
@@ -1489,7 +1565,7 @@ TEST_F(DeviceTransfers, ReadOfMoreThanOneCallMoves_IsCompleteAndItsCountCapped) 
   EXPECT_EQ(FilePosition(), static_cast<long long>(HUGE_BYTES));
 }
 
-TEST_F(DeviceTransfers, WriteOfMoreThanOneCallMoves_IsCompleteAndItsCountCapped) {
+TEST_F(DeviceTransfers, WriteOfMoreThanOneCallMoves_IsWholeOrRefusedWhereMemoryEnds) {
   Open(PatternImage(4096, 1));
   CHugeBuffer buffer(HUGE_BYTES);
   const COtherDevice other(m_Storage, open("/dev/null", O_RDWR));
@@ -1497,12 +1573,21 @@ TEST_F(DeviceTransfers, WriteOfMoreThanOneCallMoves_IsCompleteAndItsCountCapped)
   EXPECT_EQ(m_Storage.WriteSectors(buffer.Data(), 0, 0x7FFFF), 0x7FFFF000);
 }
 #else
-TEST_F(DeviceTransfers, TransferLargerThanTheAddressSpace_IsAnIoError) {
+TEST_F(DeviceTransfers, ReadOfMoreThanOneCallMoves_IsWholeOrRefusedWhereMemoryEnds) {
   Open(PatternImage(4096, 1));
   unsigned char byte = 0x77;
   EXPECT_EQ(m_Storage.ReadSectors(&byte, 0, 0x00100000u), IO_ERROR);  // 4 GiB: 0 in 32 bits
-  EXPECT_EQ(m_Storage.WriteSectors(&byte, 0, 0xFFFFFFFFu), IO_ERROR);
+  EXPECT_EQ(m_Storage.ReadSectors(&byte, 0, 0xFFFFFFFFu), IO_ERROR);
   EXPECT_EQ(byte, 0x77);
+}
+
+TEST_F(DeviceTransfers, WriteOfMoreThanOneCallMoves_IsWholeOrRefusedWhereMemoryEnds) {
+  const BYTES image = PatternImage(4096, 1);
+  Open(image);
+  unsigned char byte = 0x77;
+  EXPECT_EQ(m_Storage.WriteSectors(&byte, 0, 0x00100000u), IO_ERROR);
+  EXPECT_EQ(m_Storage.WriteSectors(&byte, 0, 0xFFFFFFFFu), IO_ERROR);
+  EXPECT_EQ(ReadHostFile(m_Path), image);
 }
 #endif
 
