@@ -20,8 +20,8 @@ CHandles<CFatFile, MAX_FILES> s_FileHandles;
 CHandles<FIND_CTX, MAX_SEARCHES> s_FindHandles;
 CFatFileSystem* s_pFatSystem = nullptr;  // the current file system, as the host set it; may name one that is gone
 
-// Every file system since the library was initialised. The library owns them until it is terminated, so that a pointer to a
-// dead one is told from a live one without looking at what it points to, and never names another one.
+// Every file system since the library was initialised. The library owns them until it is terminated, so that a pointer
+// to a dead one is told from a live one without looking at what it points to, and never names another one.
 _LST_ENTRY s_Mounted = {&s_Mounted, &s_Mounted};
 _LST_ENTRY s_Dead = {&s_Dead, &s_Dead};
 
@@ -245,8 +245,8 @@ unsigned int Fat_SetFileAttribute(int handle, WIN_FIND_DATA* data) {
   if (file == nullptr || data == nullptr) return 0;
   _DIRENT* entry = file->Info();
   entry->Attribute = static_cast<unsigned char>(data->dwFileAttributes);
-  // Date and time of a stamp both go into its date field, on purpose: what is converted last stays. A time that cannot be
-  // converted changes nothing.
+  // Date and time of a stamp both go into its date field, on purpose: what is converted last stays. A time that cannot
+  // be converted changes nothing.
   unsigned short word = entry->CreateDate.Load();
   (void)CFatFileSystem::FileTimeToDosDateTime(&data->ftCreationTime, &word, &word);
   entry->CreateDate.Store(word);

@@ -17,7 +17,8 @@
 ///
 /// What a host must know about durability
 ///  - Writing never extends a file. Give it its size first, with Fat_CreateFile or Fat_SetFileSize.
-///  - Closing a handle does not write anything, unless the library has dropped the object from its cache meanwhile: the last
+///  - Closing a handle does not write anything, unless the library has dropped the object from its cache meanwhile: the
+///  last
 ///    handle's closing then writes its data. Data reaches the medium when a cache block is evicted, when the cached
 ///    object is dropped, and at Fat_Unmount; FAT changes of a small volume only at Fat_Unmount. Always unmount.
 ///  - While mounted only the first FAT is kept up to date. Fat_Unmount copies it over the second one, whether or not
@@ -28,15 +29,17 @@
 ///  - A new directory's first cluster is cleared up to 256 KiB only. With 512 KiB clusters (4096-byte sectors, 128 per
 ///    cluster) its second half keeps old bytes; format with smaller clusters.
 ///  - A new name that needs more directory slots in one piece than are free together makes the library slide other
-///    entries together. Some of those are then remembered at their old places, and deleting or changing one hits another.
-///    After deleting and creating many names in one directory, unmount and mount again before going on.
+///    entries together. Some of those are then remembered at their old places, and deleting or changing one hits
+///    another. After deleting and creating many names in one directory, unmount and mount again before going on.
 ///  - The library remembers 160 objects. One that is still open when others push it out, and is opened again, exists
 ///    twice, and the two do not see each other's unsaved data. Keep handles no longer than needed.
 ///  - Names are compared by three hashes and their length: two names of one directory that agree in all four are one.
-///  - A failed write drops that block's changes. The call that reports it may be one for another file, and at Fat_CloseFile
+///  - A failed write drops that block's changes. The call that reports it may be one for another file, and at
+///  Fat_CloseFile
 ///    and Fat_Unmount nobody reports it: a host that must know counts failures in a storage class of its own, or mounts
 ///    again and compares. Stop using a volume after the first failed write.
-///  - A device that was opened stays open when the boot sector is then refused: a host that probes many images leaks one
+///  - A device that was opened stays open when the boot sector is then refused: a host that probes many images leaks
+///  one
 ///    descriptor per refusal. Test the boot sector first where that matters.
 
 #ifndef FATLIB_FATLIBINTF_H
@@ -111,21 +114,22 @@ FATLIB_API unsigned int Fat_LibTerminate(void);
 /// A failed mount leaves no current file system, even if another one was current: see SetCurrentFileSystem.
 FATLIB_API CFatFileSystem* Fat_Mount(CVolumeStorage* storage, void* parameter);
 
-/// Writes back what is unsaved and closes the storage. In this order: the FAT32 FSInfo sector's counters are set to unknown,
-/// the root directory and the FAT are written, the first FAT is copied over the second, the cached files and
+/// Writes back what is unsaved and closes the storage. In this order: the FAT32 FSInfo sector's counters are set to
+/// unknown, the root directory and the FAT are written, the first FAT is copied over the second, the cached files and
 /// directories are written, the storage is closed.
 /// Handles still open on the volume stay in the table, but every function on them fails, except closing.
 /// The current file system is not changed: set another one, or mount, before the next path function.
-/// @return 1, also when data, a directory, the FSInfo sector or the second FAT could not be written; 0 when the file system
+/// @return 1, also when data, a directory, the FSInfo sector or the second FAT could not be written; 0 when the file
+/// system
 ///         is null or not mounted (any more), or when the first FAT could not be written: then the
-///         volume is dropped as it is and cannot be used again either. Its storage is not closed: call the object's Close
-///         before freeing it.
+///         volume is dropped as it is and cannot be used again either. Its storage is not closed: call the object's
+///         Close before freeing it.
 FATLIB_API unsigned int Fat_Unmount(CFatFileSystem* fileSystem);
 
-/// Makes a mounted file system the current one, on which every path function works. Handles belong to the volume they were
-/// opened on, whichever file system is current.
-/// Null means none: every function of the sections below then fails, those on handles too. The pointer is not checked
-/// here; with one that names no mounted file system only the path functions fail.
+/// Makes a mounted file system the current one, on which every path function works. Handles belong to the volume they
+/// were opened on, whichever file system is current. Null means none: every function of the sections below then fails,
+/// those on handles too. The pointer is not checked here; with one that names no mounted file system only the path
+/// functions fail.
 FATLIB_API void SetCurrentFileSystem(CFatFileSystem* fileSystem);
 
 /* ---------------------------------------------------------------- files ----------------------------------------- */
@@ -142,35 +146,33 @@ FATLIB_API int Fat_OpenFile(unsigned short* path);
 /// A name that fits 8.3 in plain ASCII, in whatever case, is stored in upper case only. Every other name is stored as
 /// a long name with an invented short name; the number in it counts up over the whole run of the library, and may
 /// repeat a number that an earlier run gave out.
-/// The long name is right all the same; a system that goes by short names may take one file for the other. Run fsck.fat,
-/// which renames such pairs, where that matters.
-/// A name with at most one dot, whose base takes at most 8 bytes and whose extension at most 3 in the locale's encoding, and
-/// whose first byte is 0xE5, reads as deleted after the next mount. In UTF-8 those begin with a character from U+5000 to
-/// U+5FFF, for instance such a one and up to five ASCII characters: give such files longer names.
-/// Below a regular file the new entry is written into that file's bytes: check Fat_IsDir on the parent where a path comes
-/// from a user.
+/// The long name is right all the same; a system that goes by short names may take one file for the other. Run
+/// fsck.fat, which renames such pairs, where that matters. A name with at most one dot, whose base takes at most 8
+/// bytes and whose extension at most 3 in the locale's encoding, and whose first byte is 0xE5, reads as deleted after
+/// the next mount. In UTF-8 those begin with a character from U+5000 to U+5FFF, for instance such a one and up to five
+/// ASCII characters: give such files longer names. Below a regular file the new entry is written into that file's
+/// bytes: check Fat_IsDir on the parent where a path comes from a user.
 /// @param size        bytes to give the file at once. New clusters are not cleared: they read as what the disk held.
 /// @param attributes  low byte only; the directory bit is ignored. 0x08 and 0x0F make an entry that other systems do
 ///                    not see as a file.
 /// @return a handle; -1 when the path is invalid or exists, when 160 files are open, when the disk or directory is
-///         full, or on an I/O failure. Parent directories made before the failure stay. When the size cannot be given, the
-///         name cannot be created again before the next mount.
+///         full, or on an I/O failure. Parent directories made before the failure stay. When the size cannot be given,
+///         the name cannot be created again before the next mount.
 FATLIB_API int Fat_CreateFile(unsigned short* path, unsigned int size, unsigned int attributes);
 
-/// Closes a handle. The object stays in the library's cache, and nothing is written; if the cache has dropped it, its unsaved
-/// data is written now.
+/// Closes a handle. The object stays in the library's cache, and nothing is written; if the cache has dropped it, its
+/// unsaved data is written now.
 FATLIB_API unsigned int Fat_CloseFile(int handle);
 
 /// @param size  out: the file's size in bytes; 0 for a directory.
 FATLIB_API unsigned int Fat_GetFileSize(int handle, unsigned int* size);
 
 /// Grows or shrinks a file. New clusters keep what the disk held; shrinking frees clusters, size 0 all of them.
-/// Not to be used on a directory: its size counts as 0 here, so that shrinking drops its entries. Nor on a file that another
-/// system made larger than 2^32 minus the cluster size: shrinking grows it.
-/// Through a handle whose path was renamed or moved meanwhile the call fails after the clusters were changed, or, when a new
-/// file has taken the old name, changes the entry of that file.
-/// After a failure the handle may show the new size although the directory entry was not written; asking for the same size
-/// again then succeeds without writing it. Ask for another size first.
+/// Not to be used on a directory: its size counts as 0 here, so that shrinking drops its entries. Nor on a file that
+/// another system made larger than 2^32 minus the cluster size: shrinking grows it. Through a handle whose path was
+/// renamed or moved meanwhile the call fails after the clusters were changed, or, when a new file has taken the old
+/// name, changes the entry of that file. After a failure the handle may show the new size although the directory entry
+/// was not written; asking for the same size again then succeeds without writing it. Ask for another size first.
 /// @param size  bytes, at most 2^32 minus the cluster size.
 /// @return 0 when the size is too large (nothing changed), the disk is full, or on an I/O failure.
 FATLIB_API unsigned int Fat_SetFileSize(int handle, unsigned int size);
@@ -178,11 +180,12 @@ FATLIB_API unsigned int Fat_SetFileSize(int handle, unsigned int size);
 /// Reads at an explicit offset; the handle's own offset stays.
 /// @param offset     bytes from the start. At, beyond or below the limits of the file: 0 bytes, failure.
 /// @param count      bytes wanted; cut to the end of the file (for a directory: of its clusters).
-/// @param bytesRead  out: the count of bytes as the cache reports it. It is exact for a transfer that lies inside one block
-///                   of 256 KiB and starts at the block's beginning; for one whose blocks are all cached; and for one that
-///                   starts at a block's beginning with none of them cached. Any other reports less (often 0) or more than
-///                   was moved; the data itself is delivered in full. Never use the count to index the buffer: compute it
-///                   from the offset and the size.
+/// @param bytesRead  out: the count of bytes as the cache reports it. It is exact for a transfer that lies inside one
+/// block
+///                   of 256 KiB and starts at the block's beginning; for one whose blocks are all cached; and for one
+///                   that starts at a block's beginning with none of them cached. Any other reports less (often 0) or
+///                   more than was moved; the data itself is delivered in full. Never use the count to index the
+///                   buffer: compute it from the offset and the size.
 FATLIB_API unsigned int Fat_ReadFileEx(int handle, long long offset, unsigned int count, unsigned char* buffer,
                                        unsigned int* bytesRead);
 
@@ -199,8 +202,8 @@ FATLIB_API unsigned int Fat_GetFileOffset(int handle, unsigned int* offset);
 FATLIB_API unsigned int Fat_SetFileOffset(int handle, unsigned int distance, unsigned int method);
 
 /// Reads at the handle's offset and advances it by the bytes reported, which may be fewer or more than were read (see
-/// Fat_ReadFileEx). Reading a file from its start in steps of exactly 256 KiB is safe; for anything else use Fat_ReadFileEx.
-/// At the end of the file: success with 0 bytes.
+/// Fat_ReadFileEx). Reading a file from its start in steps of exactly 256 KiB is safe; for anything else use
+/// Fat_ReadFileEx. At the end of the file: success with 0 bytes.
 FATLIB_API unsigned int Fat_ReadFile(int handle, unsigned int count, unsigned char* buffer, unsigned int* bytesRead);
 
 /// Writes at the handle's offset and advances it by the bytes reported. Writing stops at the file's size; at the end of
@@ -237,13 +240,15 @@ FATLIB_API unsigned int Fat_RenameFile(unsigned short* oldPath, unsigned short* 
 /// Moves a file or directory, under its name, into another directory.
 /// A cached object stays known under its old path, as after Fat_RenameFile.
 /// @param directory  the destination directory; null (and only null) means the root.
-/// @return 1 also when, by the two paths alone, it is there already (it need not exist then); 0 when the object or the destination is open, the destination is not a
+/// @return 1 also when, by the two paths alone, it is there already (it need not exist then); 0 when the object or the
+/// destination is open, the destination is not a
 ///         directory, is the object itself or lies below it, or has that name already, or on a failure as above.
 FATLIB_API unsigned int Fat_MoveFile(unsigned short* path, unsigned short* directory);
 
 /// Creates a directory, and every missing directory of its path.
 /// As with Fat_CreateFile, a path below a regular file writes into that file.
-/// @param attributes  low byte only; the directory bit is added. 0x08 makes a directory that is gone after the next mount.
+/// @param attributes  low byte only; the directory bit is added. 0x08 makes a directory that is gone after the next
+/// mount.
 ///                    The missing parents get none.
 /// @return 0 when the path exists or is invalid, the disk or a directory is full, or on an I/O failure.
 FATLIB_API unsigned int Fat_CreateDir(unsigned short* path, unsigned int attributes);

@@ -1,8 +1,8 @@
 /// @file Handles.h
 /// A fixed table of objects named by small integers. A handle is the index of its slot; a null slot is free.
 ///
-/// Opening: FindFreeHandle, the object is stored through GetObjectPtr, then IncCount; ClearHandle instead when it failed.
-/// Closing: IsHandleValid, GetObject, the close, RecycleHandle.
+/// Opening: FindFreeHandle, the object is stored through GetObjectPtr, then IncCount; ClearHandle instead when it
+/// failed. Closing: IsHandleValid, GetObject, the close, RecycleHandle.
 
 #ifndef FATLIB_HANDLES_H
 #define FATLIB_HANDLES_H

@@ -36,13 +36,13 @@ class CLookasideList : public OS_ALLOCATED {
   unsigned int Total() const { return m_nTotal; }
 
  private:
-  void** m_ppFree;           // stack of free blocks, m_nCapacity long; null when it could not be had
-  int m_nTop;                // index of the top free block, -1 when none is free
-  unsigned int m_nInUse;     // blocks handed out
-  unsigned int m_nTotal;     // blocks owned: free plus in use
-  unsigned int m_nCapacity;  // 2 x m_nGrow
-  unsigned int m_nGrow;      // blocks per growth or shrink step
-  unsigned int m_nBlockSize; // bytes per block
+  void** m_ppFree;            // stack of free blocks, m_nCapacity long; null when it could not be had
+  int m_nTop;                 // index of the top free block, -1 when none is free
+  unsigned int m_nInUse;      // blocks handed out
+  unsigned int m_nTotal;      // blocks owned: free plus in use
+  unsigned int m_nCapacity;   // 2 x m_nGrow
+  unsigned int m_nGrow;       // blocks per growth or shrink step
+  unsigned int m_nBlockSize;  // bytes per block
 };
 
 #endif  // FATLIB_LOOKASIDE_H

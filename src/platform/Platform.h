@@ -18,8 +18,8 @@
 [[nodiscard]] void* osMemAllocZeroed(std::size_t size);
 /// Changes the size of a block (realloc), in place where that is possible. On failure null, and the old block stays.
 [[nodiscard]] void* osMemRealloc(void* memory, std::size_t size);
-/// Large zeroed memory for data blocks, aligned to 2 MiB, for which the kernel is asked to use huge pages: with 4 KiB pages
-/// the faults of filling the caches would cost as much as the transfers. Nothing is touched here.
+/// Large zeroed memory for data blocks, aligned to 2 MiB, for which the kernel is asked to use huge pages: with 4 KiB
+/// pages the faults of filling the caches would cost as much as the transfers. Nothing is touched here.
 /// @param memory  out: what osMemFree takes
 /// @return the aligned memory, or null
 [[nodiscard]] unsigned char* osMemAllocBlocks(std::size_t size, void*& memory);
