@@ -629,6 +629,47 @@ TEST_F(InterfaceOnOneVolume, DirectoryBitSetOnAFile_IsTakenAsGiven) {
   Close({file});
 }
 
+TEST_F(InterfaceOnOneVolume, EntryCannotBeReached_SettingFailsAndSucceedsWhenTriedAgain) {
+  const int file = Fat_OpenFile(CPath("DIR\\IN.TXT"));
+  for (int i = 0; i < 160; ++i) ASSERT_TRUE(WritePath("N" + std::to_string(i), {}));  // DIR is cached no longer
+  WIN_FIND_DATA data{};
+  data.dwFileAttributes = 0x01;
+  m_pMedium->FailAt(1, FAULT_FOR_GOOD);
+  EXPECT_EQ(Fat_SetFileAttribute(file, &data), 0u);
+  EXPECT_EQ(Fat_SetFileSize(file, 100), 0u);
+  EXPECT_TRUE(m_pMedium->Fired());
+  m_pMedium->Heal();
+  EXPECT_EQ(Fat_SetFileAttribute(file, &data), 1u);
+  EXPECT_EQ(Fat_SetFileSize(file, 99), 1u);
+  Close({file});
+  EXPECT_TRUE(Unmount(m_pFileSystem));
+  const CVolumeReader reader(m_pMedium->Image());
+  EXPECT_EQ(reader.ProblemText(), "");
+  EXPECT_EQ(reader.Find("DIR\\IN.TXT")->Attributes, 0x01u);
+  EXPECT_EQ(reader.Find("DIR\\IN.TXT")->Size, 99u);
+}
+
+TEST_F(InterfaceOnOneVolume, FailedCallOnAHandle_LeavesItOpenAndCounted) {
+  const int file = Fat_OpenFile(CPath("TEN"));
+  const int search = FindFirst("DIR");
+  unsigned char byte = 0;
+  unsigned int done = 0;
+  EXPECT_EQ(Fat_SetFileSize(file, 0xFFFFFFFF), 0u);
+  EXPECT_EQ(Fat_ReadFileEx(file, 10, 1, &byte, &done), 0u);
+  EXPECT_EQ(Fat_WriteFileEx(file, 10, 1, &byte, &done), 0u);
+  EXPECT_EQ(Fat_GetFileAttribute(file, nullptr), 0u);
+  WIN_FIND_DATA data{};
+  while (Fat_FindNextFile(search, &data) == 1) {
+  }
+  EXPECT_EQ(Fat_OpenFile(CPath("README.TXT")), file + 1);
+  EXPECT_EQ(FindFirst("DIR"), search + 1);
+  EXPECT_EQ(ReadAll(file), ContentOf("TEN"));
+  EXPECT_EQ(Fat_FindNextFile(search, &data), 1u);
+  Close({file, file + 1});
+  EXPECT_EQ(Fat_CloseFindHandle(search), 1u);
+  EXPECT_EQ(Fat_CloseFindHandle(search + 1), 1u);
+}
+
 TEST_F(InterfaceOnOneVolume, EntryRenamedAway_SettingFailsAndTheHandleShowsItAllTheSame) {
   const int file = Fat_OpenFile(CPath("TEN"));
   EXPECT_EQ(Fat_RenameFile(CPath("TEN"), CPath("ELEVEN")), 1u);

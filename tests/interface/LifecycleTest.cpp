@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <clocale>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <map>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -52,6 +54,102 @@ TEST_F(InterfaceOnOneVolume, InitialisedTwice_VolumeStaysMountedAndHandlesAreClo
   EXPECT_TRUE(Unmount(m_pFileSystem));
   const CVolumeReader reader(m_pMedium->Image());
   EXPECT_EQ(reader.Content(*reader.Find("TEN")), BYTES(10, 0x77));
+}
+
+/// Writes down what the library allocates and frees, by size.
+class CSizeTrace {
+ public:
+  CSizeTrace() : m_Saved(g_OsServices) {
+    s_pActive = this;
+    g_OsServices.pfnMalloc = [](std::size_t size) {
+      return s_pActive->Taken(s_pActive->m_Saved.pfnMalloc(size), size);
+    };
+    g_OsServices.pfnCalloc = [](std::size_t count, std::size_t size) {
+      return s_pActive->Taken(s_pActive->m_Saved.pfnCalloc(count, size), count * size);
+    };
+    g_OsServices.pfnFree = [](void* memory) {
+      if (memory != nullptr) s_pActive->m_Freed.push_back(s_pActive->m_Sizes[memory]);
+      s_pActive->m_Saved.pfnFree(memory);
+    };
+  }
+  ~CSizeTrace() { g_OsServices = m_Saved; }
+  CSizeTrace(const CSizeTrace&) = delete;
+  CSizeTrace& operator=(const CSizeTrace&) = delete;
+
+  const std::vector<std::size_t>& Allocated() const { return m_Allocated; }
+  const std::vector<std::size_t>& Freed() const { return m_Freed; }
+  /// The locale when memory was first taken.
+  const std::string& Locale() const { return m_Locale; }
+
+ private:
+  void* Taken(void* memory, std::size_t size) {
+    if (m_Allocated.empty()) m_Locale = std::setlocale(LC_ALL, nullptr);
+    m_Allocated.push_back(size);
+    m_Sizes[memory] = size;
+    return memory;
+  }
+
+  static inline CSizeTrace* s_pActive = nullptr;
+  OS_SERVICES m_Saved;
+  std::vector<std::size_t> m_Allocated;
+  std::vector<std::size_t> m_Freed;
+  std::map<void*, std::size_t> m_Sizes;
+  std::string m_Locale;
+};
+
+constexpr std::size_t RUN_BLOCK = 128;                             // 16 runs of a file's map
+constexpr std::size_t NODE_BLOCK = sizeof(void*) == 4 ? 72 : 144;  // of a file's table of cached blocks
+// The stack of 32 free blocks that each of the two has takes as much as a map where addresses have 32 bits.
+constexpr std::ptrdiff_t STACK_LIKE_MAP = 32 * sizeof(void*) == RUN_BLOCK ? 1 : 0;
+constexpr std::size_t POOL_BYTES = 256 * 0x40000;  // and room to align them
+
+std::ptrdiff_t FirstOf(const std::vector<std::size_t>& sizes, std::size_t from, std::size_t to) {
+  return std::find_if(sizes.begin(), sizes.end(), [=](std::size_t size) { return size >= from && size <= to; }) -
+         sizes.begin();
+}
+
+TEST_F(Interface, Initialise_TakesTheLocaleThenTheMapsThenThePoolOf256Blocks) {
+  EXPECT_EQ(Fat_LibTerminate(), 1u);
+  const char* set = std::getenv("LC_ALL");
+  const std::string old = set == nullptr ? "" : set;
+  std::setlocale(LC_ALL, "C");
+  setenv("LC_ALL", "C.UTF-8", 1);
+  {
+    const CSizeTrace trace;
+    Fat_LibInitialize();
+    const std::vector<std::size_t>& sizes = trace.Allocated();
+    EXPECT_EQ(trace.Locale(), "C.UTF-8");
+    EXPECT_EQ(std::count(sizes.begin(), sizes.end(), RUN_BLOCK), 16 + 2 * STACK_LIKE_MAP);
+    EXPECT_EQ(std::count(sizes.begin(), sizes.end(), NODE_BLOCK), 16);
+    const std::ptrdiff_t pool = FirstOf(sizes, POOL_BYTES, POOL_BYTES + POOL_BYTES / 16);
+    ASSERT_LT(pool, static_cast<std::ptrdiff_t>(sizes.size()));
+    EXPECT_EQ(std::count(sizes.begin(), sizes.begin() + pool, RUN_BLOCK), 16 + STACK_LIKE_MAP);  // the maps come first
+    EXPECT_EQ(std::count(sizes.begin(), sizes.begin() + pool, NODE_BLOCK), 0);
+    // The pool is nearly all there is.
+    std::size_t bytes = 0;
+    for (const std::size_t size : sizes) bytes += size;
+    EXPECT_LT(bytes, POOL_BYTES + POOL_BYTES / 16);
+  }
+  if (set == nullptr) {
+    unsetenv("LC_ALL");
+  } else {
+    setenv("LC_ALL", old.c_str(), 1);
+  }
+  std::setlocale(LC_ALL, "C");
+}
+
+TEST_F(Interface, Terminate_FreesThePoolOfBlocksBeforeTheMaps) {
+  EXPECT_EQ(Fat_LibTerminate(), 1u);
+  Terminated();
+  const CSizeTrace trace;
+  Fat_LibInitialize();
+  EXPECT_EQ(Fat_LibTerminate(), 1u);
+  const std::vector<std::size_t>& sizes = trace.Freed();
+  EXPECT_EQ(sizes.size(), trace.Allocated().size());
+  const std::ptrdiff_t maps = FirstOf(sizes, RUN_BLOCK, RUN_BLOCK);
+  EXPECT_LT(FirstOf(sizes, POOL_BYTES, SIZE_MAX), maps);
+  EXPECT_EQ(std::count(sizes.begin(), sizes.begin() + maps, NODE_BLOCK), 16);
+  EXPECT_EQ(std::count(sizes.begin(), sizes.end(), RUN_BLOCK), 16 + 2 * STACK_LIKE_MAP);
 }
 
 TEST_F(Interface, InitialisedTwice_TakesNoMoreMemory) {
@@ -347,6 +445,25 @@ TEST_F(InterfaceOnTwoVolumes, SharedPoolFull_BlocksOfTheOtherVolumeAreWrittenToT
   Close({small, large});
 }
 
+TEST_F(Interface, TwentyVolumesMounted_EachKeepsItsOwnFilesAndHandles) {
+  constexpr int VOLUMES = 20;
+  std::vector<CFatFileSystem*> volumes;
+  for (int i = 0; i < VOLUMES; ++i) {
+    volumes.push_back(MountMedium(NewMedium(MakeVolume(i % 2 == 0 ? 12 : 16))));
+    ASSERT_NE(volumes.back(), nullptr);
+    EXPECT_EQ(Fat_CreateFile(CPath("MINE"), static_cast<unsigned int>(i + 1), 0), i);
+  }
+  for (int i = VOLUMES; i-- > 0;) {
+    SetCurrentFileSystem(volumes[static_cast<std::size_t>(i)]);
+    EXPECT_EQ(WriteAt(i, 0, BYTES(static_cast<std::size_t>(i + 1), static_cast<unsigned char>(i))), i + 1);
+    EXPECT_EQ(ReadPath("TEN"), ContentOf("TEN"));
+  }
+  for (int i = 0; i < VOLUMES; ++i) {
+    EXPECT_EQ(ReadAll(i), BYTES(static_cast<std::size_t>(i + 1), static_cast<unsigned char>(i)));
+    Close({i});
+  }
+}
+
 // ---------------------------------------------------------------------------------------------- unmounting
 
 TEST_F(InterfaceOnOneVolume, UnmountedTwice_SecondTimeIsFalseWithoutATransfer) {
@@ -357,6 +474,23 @@ TEST_F(InterfaceOnOneVolume, UnmountedTwice_SecondTimeIsFalseWithoutATransfer) {
   EXPECT_EQ(Fat_Unmount(nullptr), 0u);
   EXPECT_EQ(m_pMedium->Transfers(), 0u);
   EXPECT_EQ(m_pMedium->CloseCalls(), 0u);
+}
+
+TEST_F(Interface, UnmountedFileSystem_KeepsOneSmallObjectUntilTheEnd) {
+  CMedium& medium = NewMedium(MakeVolume(16));
+  CFaultStorage* storage = new CFaultStorage(medium);
+  const std::size_t blocks = Memory().Outstanding();
+  const std::size_t bytes = Memory().OutstandingBytes();
+  constexpr unsigned int ROUNDS = 20;
+  for (unsigned int round = 0; round < ROUNDS; ++round) {
+    CFatFileSystem* fileSystem = Fat_Mount(storage, nullptr);
+    ASSERT_NE(fileSystem, nullptr);
+    EXPECT_EQ(ReadPath(DEEP), ContentOf(DEEP));
+    EXPECT_EQ(Fat_Unmount(fileSystem), 1u);
+  }
+  EXPECT_EQ(Memory().Outstanding(), blocks + ROUNDS);  // so that its address never names another one
+  EXPECT_LT(Memory().OutstandingBytes(), bytes + ROUNDS * 1024);
+  delete storage;
 }
 
 TEST_F(InterfaceOnOneVolume, UnmountedWithAFileOpen_ItsDataIsWrittenBeforeTheStorageCloses) {

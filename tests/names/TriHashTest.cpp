@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <memory>
 #include <random>
 #include <string>
@@ -105,6 +106,16 @@ TEST(TriHashIdx, NewKey_IsAllZero) {
   EXPECT_EQ(key.m_pNext, nullptr);
   EXPECT_EQ(key.NamePtr(), nullptr);
   EXPECT_EQ(key.NameChars(), 0u);
+}
+
+TEST(TriHashIdx, Members_StandInTheirOrder) {
+  EXPECT_EQ(offsetof(TriHashIdx, m_nHashA), 0u);
+  EXPECT_EQ(offsetof(TriHashIdx, m_nHashB), 4u);
+  EXPECT_EQ(offsetof(TriHashIdx, m_nHashC), 8u);
+  EXPECT_EQ(offsetof(TriHashIdx, m_pNext), sizeof(void*) == 4 ? 12u : 16u);
+  EXPECT_EQ(offsetof(TriHashIdx, m_nNameBytes), sizeof(void*) == 4 ? 16u : 24u);
+  EXPECT_EQ(offsetof(TriHashIdx, m_pName), sizeof(void*) == 4 ? 20u : 32u);
+  EXPECT_EQ(sizeof(TriHashIdx), sizeof(void*) == 4 ? 24u : 40u);
 }
 
 TEST(TriHashIdx, UpperAndLowerCase_GiveTheSameKey) {

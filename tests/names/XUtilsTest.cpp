@@ -353,6 +353,26 @@ TEST(MovedPath, SourceBelowADirectoryMovedToTheRoot_IsValid) {
   EXPECT_EQ(MoveToRoot(u"a\\b\\c"), 0);
 }
 
+TEST(MovedPath, NoPlaceForADestination_IsTheRootToo) {
+  const UTF16 inRoot = Units(u"\\a");
+  const UTF16 below = Units(u"a\\b");
+  const unsigned short* path = inRoot.data();
+  EXPECT_EQ(gIsMovedPathValid(&path, nullptr), 1);
+  EXPECT_EQ(TextOf(path), u"a");
+  path = below.data();
+  EXPECT_EQ(gIsMovedPathValid(&path, nullptr), 0);
+}
+
+TEST(MovedPath, LengthOfEitherPath_IsLimitedTo259Units) {
+  const TEXT longest = TEXT(257, u'a') + u"\\b";
+  EXPECT_EQ(Move(longest, u"c"), 0);
+  EXPECT_EQ(Move(longest + u"b", u"c"), -1);
+  EXPECT_EQ(Move(u"c", longest), 0);
+  EXPECT_EQ(Move(u"c", longest + u"b"), -1);
+  EXPECT_EQ(MoveToRoot(longest), 0);
+  EXPECT_EQ(MoveToRoot(longest + u"b"), -1);
+}
+
 TEST(MovedPath, UpToAFartherAncestor_IsValid) {
   EXPECT_EQ(Move(u"a\\b\\c", u"a"), 0);
   EXPECT_EQ(Move(u"a\\b\\c\\d", u"a\\b"), 0);
@@ -415,6 +435,13 @@ TEST(PathSplitting, FileName_IsTheLastComponentInTheSameString) {
   EXPECT_EQ(gGetFileName(path.data()), path.data() + 5);
   const UTF16 single = Units(u"name");
   EXPECT_EQ(gGetFileName(single.data()), single.data());
+}
+
+TEST(PathSplitting, FileNameBehindALastSeparator_IsEmpty) {
+  const UTF16 path = Units(u"a\\");
+  EXPECT_EQ(gGetFileName(path.data()), path.data() + 2);
+  const UTF16 empty = Units(u"");
+  EXPECT_EQ(gGetFileName(empty.data()), empty.data());
 }
 
 TEST(PathSplitting, SubPaths_AreTheComponentsInOrder) {

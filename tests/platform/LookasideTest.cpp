@@ -6,7 +6,9 @@
 
 #include <climits>
 #include <clocale>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <set>
@@ -69,6 +71,60 @@ TEST(LookasideList, RecycledBlockMakes32Free_Frees16) {
     EXPECT_EQ(memory.Outstanding(), 17u);
   }
   EXPECT_EQ(memory.Outstanding(), 0u);
+}
+
+static_assert(sizeof(CLookasideList) == sizeof(void*) + 6 * sizeof(int), "the stack and six counts");
+
+TEST(LookasideList, BlockRecycledLast_IsHandedOutFirst) {
+  CLookasideList list(BLOCK_BYTES, GROWTH);
+  void* first = list.Allocate();
+  void* second = list.Allocate();
+  list.Recycle(first);
+  list.Recycle(second);
+  EXPECT_EQ(list.Allocate(), second);
+  EXPECT_EQ(list.Allocate(), first);
+  list.Recycle(first);
+  list.Recycle(second);
+}
+
+TEST(LookasideList, GrowAndShrink_ChangeFreeBlocksAndTotalByOneStep) {
+  CMemHooks memory;
+  {
+    CLookasideList list(BLOCK_BYTES, GROWTH);
+    memory.ResetLargest();
+    EXPECT_TRUE(list.Grow());
+    EXPECT_EQ(list.FreeCount(), 32u);
+    EXPECT_EQ(list.Total(), 32u);
+    EXPECT_EQ(list.InUse(), 0u);
+    EXPECT_EQ(memory.LargestRequest(), BLOCK_BYTES);
+    list.Shrink();
+    EXPECT_EQ(list.FreeCount(), 16u);
+    EXPECT_EQ(list.Total(), 16u);
+    EXPECT_EQ(memory.Outstanding(), 17u);
+    list.Shrink();
+    list.Shrink();  // nothing is left to free
+    EXPECT_EQ(list.FreeCount(), 0u);
+    EXPECT_EQ(list.Total(), 0u);
+    EXPECT_EQ(memory.Outstanding(), 1u);
+    list.Recycle(list.Allocate());
+    EXPECT_EQ(list.Total(), 16u);
+  }
+  EXPECT_EQ(memory.Outstanding(), 0u);
+}
+
+TEST(LookasideList, RecycledBlocksBelowTwoSteps_AreKept) {
+  CLookasideList list(BLOCK_BYTES, GROWTH);
+  std::vector<void*> blocks;
+  for (unsigned i = 0; i < 33; ++i) blocks.push_back(list.Allocate());
+  EXPECT_EQ(list.Total(), 48u);
+  for (unsigned i = 0; i < 16; ++i) list.Recycle(blocks[i]);
+  EXPECT_EQ(list.FreeCount(), 31u);
+  EXPECT_EQ(list.Total(), 48u);
+  list.Recycle(blocks[16]);
+  EXPECT_EQ(list.FreeCount(), 16u);
+  EXPECT_EQ(list.Total(), 32u);
+  for (unsigned i = 17; i < 33; ++i) list.Recycle(blocks[i]);
+  EXPECT_EQ(list.FreeCount(), 16u);
 }
 
 TEST(LookasideList, HandedOutBlocks_AreDistinctAndOfFullSize) {
@@ -323,6 +379,16 @@ TEST_P(LocaleConversion, UnitBelow128ToBytes_WritesOneByte) {
   }
 }
 
+TEST(LocaleConversionC, UnitWithoutAByte_IsMinusOne) {
+  const std::string saved = std::setlocale(LC_ALL, nullptr);
+  ASSERT_NE(std::setlocale(LC_ALL, "C"), nullptr);
+  char bytes[MB_LEN_MAX];
+  for (const unsigned int unit : {0x0100u, 0x0416u, 0x6F22u, 0xFFFFu}) {
+    EXPECT_EQ(osWcToMb(bytes, static_cast<unsigned short>(unit)), -1) << unit;
+  }
+  std::setlocale(LC_ALL, saved.c_str());
+}
+
 TEST_P(LocaleConversionUtf8, InvalidBytesToUnits_GivesMinus1AndKeepsTheDestination) {
   for (const char* bytes : {"A\xFF", "\x80", "AB\xC3", "\xED\xA0\x80", "\xC0\x80"}) {
     EXPECT_EQ(osMbsToWcs(m_Units, bytes, 8), -1);
@@ -366,6 +432,54 @@ TEST(Platform, ArrayWhoseSizeDoesNotFit_IsRefusedWithoutAsking) {
   void* array = osMemAllocArray(16, 8);
   EXPECT_EQ(memory.OutstandingBytes(), 128u);
   osMemFree(array);
+}
+
+TEST(Platform, AllocatedMemory_IsOfTheSizeAskedForAndFreedByItsAddress) {
+  CMemHooks memory;
+  void* block = osMemAlloc(1000);
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(memory.OutstandingBytes(), 1000u);
+  std::memset(block, 0x55, 1000);
+  osMemFree(block);
+  EXPECT_EQ(memory.Outstanding(), 0u);
+  osMemFree(nullptr);
+  EXPECT_EQ(memory.UnknownFrees(), 0u);
+}
+
+TEST(Platform, NoMemory_EveryAllocationGivesNull) {
+  CMemHooks memory;
+  void* block = osMemAlloc(16);
+  memory.FailAt(1, CMemHooks::FOR_GOOD);
+  void* whole = &memory;
+  EXPECT_EQ(osMemAlloc(1), nullptr);
+  EXPECT_EQ(osMemAllocArray(1, 1), nullptr);
+  EXPECT_EQ(osMemAllocZeroed(1), nullptr);
+  EXPECT_EQ(osMemAllocBlocks(1, whole), nullptr);
+  EXPECT_EQ(whole, nullptr);
+  EXPECT_EQ(osMemRealloc(block, 32), nullptr);
+  EXPECT_EQ(memory.OutstandingBytes(), 16u);  // the old block stays
+  osMemFree(block);
+}
+
+TEST(Platform, ResizedBlock_KeepsItsBytes) {
+  unsigned char* block = static_cast<unsigned char*>(osMemAlloc(100));
+  for (unsigned i = 0; i < 100; ++i) block[i] = static_cast<unsigned char>(i);
+  block = static_cast<unsigned char*>(osMemRealloc(block, 100000));
+  ASSERT_NE(block, nullptr);
+  for (unsigned i = 0; i < 100; ++i) ASSERT_EQ(block[i], i);
+  osMemFree(block);
+}
+
+TEST(Platform, MemoryForBlocks_IsZeroAndAlignedTo2MiB) {
+  constexpr std::size_t BYTES = 3 * 0x40000;
+  void* whole = nullptr;
+  const unsigned char* blocks = osMemAllocBlocks(BYTES, whole);
+  ASSERT_NE(blocks, nullptr);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(blocks) % (2 * 1024 * 1024), 0u);
+  for (std::size_t i = 0; i < BYTES; ++i) ASSERT_EQ(blocks[i], 0);
+  osMemFree(whole);
+  EXPECT_EQ(osMemAllocBlocks(SIZE_MAX, whole), nullptr);
+  EXPECT_EQ(whole, nullptr);
 }
 
 TEST(Platform, MemoryHelpers_CopyMoveSetAndCompare) {
