@@ -9,7 +9,7 @@ BUILD := build/$(PRESET)
 # mkfs.fat is outside the path of a normal user on Debian.
 export PATH := $(PATH):/usr/sbin:/sbin
 
-.PHONY: all help setup configure build demo test bench install analyse coverage memcheck format clean
+.PHONY: all help setup configure build demo test bench install analyse coverage fuzz memcheck format clean
 
 all: build ## the same as build
 
@@ -30,7 +30,8 @@ demo: build ## make real FAT images, read everything back and compare
 	@FATLIB_BUILD=$(BUILD) scripts/demo
 
 test: build ## run the tests
-	@ctest --preset $(PRESET) --parallel $(JOBS)
+	@ctest --preset $(PRESET) --parallel $(JOBS) --output-junit $(CURDIR)/$(BUILD)/tests.xml
+	@scripts/check-behaviour run $(BUILD)/tests.xml docs/behaviour.md docs/durability.md
 
 bench: configure ## run the benchmark
 	@cmake --build --preset $(PRESET) --parallel $(JOBS) --target fatlib_bench
@@ -48,6 +49,10 @@ analyse: ## run clang-tidy and cppcheck
 coverage: ## run the tests and print which lines and branches of the library they reach
 	@scripts/setup coverage
 	@scripts/coverage $(JOBS)
+
+fuzz: ## run the fuzz targets: PRESET=i386-fuzz or "x64-fuzz i386-fuzz", TIME=seconds for each, TARGET=one of them
+	@scripts/setup fuzz
+	@TIME='$(TIME)' TARGET='$(TARGET)' JOBS='$(JOBS)' scripts/fuzz $(or $(filter %-fuzz,$(PRESET)),x64-fuzz)
 
 memcheck: ## run the tests under valgrind (64-bit)
 	@scripts/setup memcheck
