@@ -35,7 +35,7 @@ test: build ## run the tests
 
 bench: configure ## run the benchmark
 	@cmake --build --preset $(PRESET) --parallel $(JOBS) --target fatlib_bench
-	@$(BUILD)/bench/fatlib_bench
+	@$(BUILD)/bench/fatlib_bench --json $(BUILD)/bench.json
 
 install: configure ## install headers and library under PREFIX (default /usr/local)
 	@cmake --build --preset $(PRESET) --parallel $(JOBS) --target fatlib

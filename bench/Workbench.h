@@ -1,6 +1,6 @@
 /// @file Workbench.h
-/// What the workloads share: CPU time, medians, images on the disk, a mounted library, and the raw calls that a
-/// workload is compared with.
+/// What the workloads share: CPU time, medians, checksums, volumes on both back-ends whose transfers are counted, and
+/// the raw media that a workload is compared with.
 
 #ifndef FATLIB_BENCH_WORKBENCH_H
 #define FATLIB_BENCH_WORKBENCH_H
@@ -10,10 +10,16 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
-/// CPU seconds (user and system) that this process has used.
+constexpr unsigned int KIB = 1024;
+constexpr unsigned int MIB = 1024 * 1024;
+/// Rounds in which the library and its baseline take turns.
+constexpr unsigned int ROUNDS = 3;
+
+/// CPU seconds (user and system) that this process and the programs it has waited for have used.
 double CpuSeconds();
 /// CPU seconds that `work` takes.
 double Measure(const std::function<void()>& work);
@@ -22,7 +28,31 @@ double Median(std::vector<double> values);
 [[noreturn]] void Fail(const std::string& message);
 void Require(bool condition, const char* what);
 
-/// A page-aligned buffer filled with bytes that are not zero.
+/// A checksum (FNV-1a over 64-bit words) that proves what was read or done. Never part of what is measured.
+class CChecksum {
+ public:
+  void Add(const void* bytes, std::size_t count);
+  void Add(unsigned long long value) { Add(&value, sizeof(value)); }
+  unsigned long long Value() const { return m_nValue; }
+
+ private:
+  unsigned long long m_nValue = 0xCBF29CE484222325ULL;
+};
+
+/// Numbers that look random and are the same in every run.
+class CRandom {
+ public:
+  explicit CRandom(std::uint64_t seed) : m_nState(seed) {}
+  std::uint32_t Below(std::uint32_t limit);
+  /// 0 to count - 1 in random order.
+  std::vector<std::uint32_t> Order(std::uint32_t count);
+
+ private:
+  std::uint64_t m_nState;
+};
+
+/// A page-aligned buffer filled with bytes that are not zero, none of them the same as its neighbours: text, to the
+/// library, which looks through the bytes of a file that is opened until it finds a zero at the start of 32 of them.
 class CBuffer {
  public:
   explicit CBuffer(std::size_t size);
@@ -31,44 +61,70 @@ class CBuffer {
   CBuffer& operator=(const CBuffer&) = delete;
   unsigned char* Data() { return m_pData; }
   std::size_t Size() const { return m_nSize; }
+  /// Makes the first byte zero: a file that begins so is opened by reading its first block only.
+  void MakeBinary() { m_pData[0] = 0; }
 
  private:
   unsigned char* m_pData;
   std::size_t m_nSize;
 };
 
-/// A FAT image made with mkfs.fat, removed at the end.
-class CImage {
+enum class BACKEND { File, Memory };
+
+/// How a volume is made.
+struct VOLUME {
+  unsigned int FatBits;  ///< 16 or 32
+  BACKEND Backend;
+  unsigned long long Bytes;
+  unsigned int SectorsPerCluster;
+
+  /// "FAT32 file"
+  std::string Name() const;
+};
+
+/// What went between library and storage object.
+struct TRAFFIC {
+  unsigned long long Reads = 0;
+  unsigned long long Writes = 0;
+  unsigned long long BytesRead = 0;
+  unsigned long long BytesWritten = 0;
+  std::vector<unsigned long long>* ReadOffsets = nullptr;  ///< where each read starts, in bytes; null: not wanted
+};
+
+/// The bytes of a volume, in a file or in memory, for raw calls: pread and pwrite, or memcpy.
+class CMedium {
  public:
-  /// @param options  of mkfs.fat, such as "-F 32 -s 8"
-  CImage(const std::string& directory, unsigned long long bytes, const std::string& options);
-  ~CImage();
-  CImage(const CImage&) = delete;
-  CImage& operator=(const CImage&) = delete;
-  const std::string& Path() const { return m_Path; }
+  /// Formats it with mkfs.fat.
+  CMedium(const std::string& directory, const VOLUME& volume);
+  ~CMedium();
+  CMedium(const CMedium&) = delete;
+  CMedium& operator=(const CMedium&) = delete;
+
+  void Read(unsigned char* buffer, std::size_t count, unsigned long long offset);
+  void Write(const unsigned char* buffer, std::size_t count, unsigned long long offset);
+  bool InMemory() const { return m_pImage != nullptr; }
+  unsigned char* Image() { return m_pImage; }
+  const std::string& Path() const { return m_Path; }  ///< of a file
+  unsigned long long Bytes() const { return m_nBytes; }
+  unsigned long long FatOffset() const { return m_nFatOffset; }  ///< of the first FAT
+  unsigned long long FatBytes() const { return m_nFatBytes; }    ///< of one FAT
 
  private:
+  void ReadGeometry();
+
   std::string m_Path;
+  int m_nDescriptor = -1;
+  unsigned char* m_pImage = nullptr;
+  unsigned long long m_nBytes;
+  unsigned long long m_nFatOffset = 0;
+  unsigned long long m_nFatBytes = 0;
 };
 
-/// The image opened with plain calls.
-class CRawFile {
- public:
-  explicit CRawFile(const std::string& path);
-  ~CRawFile();
-  CRawFile(const CRawFile&) = delete;
-  CRawFile& operator=(const CRawFile&) = delete;
-  void Read(unsigned char* buffer, std::size_t count, unsigned long long offset) const;
-  void Write(const unsigned char* buffer, std::size_t count, unsigned long long offset) const;
-
- private:
-  int m_nDescriptor;
-};
-
-/// The library, up with one image mounted; unmounted at the end at the latest.
+/// A medium mounted by the library, through a storage object that counts; unmounted at the end at the latest.
 class CMounted {
  public:
-  explicit CMounted(const CImage& image);
+  /// @param traffic  counted up from here to the unmount, null: of no interest
+  explicit CMounted(CMedium& medium, TRAFFIC* traffic = nullptr);
   ~CMounted();
   CMounted(const CMounted&) = delete;
   CMounted& operator=(const CMounted&) = delete;
@@ -88,5 +144,26 @@ class CPath {
  private:
   std::vector<unsigned short> m_Units;
 };
+
+/// An open file or directory, closed at the end. Fails the benchmark when it cannot be opened or made.
+class CHandle {
+ public:
+  explicit CHandle(int handle);
+  ~CHandle();
+  CHandle(const CHandle&) = delete;
+  CHandle& operator=(const CHandle&) = delete;
+  static int Open(const std::string& path);
+  static int Create(const std::string& path, unsigned int bytes);
+
+  void Read(unsigned long long offset, unsigned int count, unsigned char* buffer);
+  void Write(unsigned long long offset, unsigned int count, unsigned char* buffer);
+  void SetSize(unsigned int bytes);
+
+ private:
+  int m_nHandle;
+};
+
+/// CPU seconds of one raw 64-byte write on the medium.
+double RawCallSeconds(CMedium& medium);
 
 #endif  // FATLIB_BENCH_WORKBENCH_H

@@ -1,0 +1,97 @@
+/// @file StreamBench.cpp
+/// W2 and W3: a file of 256 MiB written and, with the library cold, read back in requests of one size.
+
+#include <cstring>
+
+#include "Report.h"
+
+namespace {
+
+constexpr unsigned int FILE_BYTES = 256 * MIB;
+constexpr unsigned int BLOCK_BYTES = 256 * KIB;  // of the library's cache
+
+void Stream(BENCH& bench, unsigned int fatBits, BACKEND backend, unsigned int request) {
+  const VOLUME volume = {fatBits, backend, 320ULL * MIB, fatBits == 32 ? 8u : 16u};
+  const bool file = backend == BACKEND::File;
+  CMedium medium(bench.Directory, volume);
+  CMedium raw(bench.Directory, volume);
+  CBuffer buffer(request);
+  CBuffer copy(request);
+  CBuffer target(request);
+  buffer.MakeBinary();
+  const unsigned long long rawBase = 32ULL * MIB;
+  // A block that a request overwrites in part only is read first, so the raw calls read it too.
+  const auto rawWritePass = [&] {
+    for (unsigned int offset = 0; offset < FILE_BYTES; offset += request) {
+      if (request < BLOCK_BYTES) raw.Read(copy.Data(), request, rawBase + offset);
+      if (file) std::memcpy(copy.Data(), buffer.Data(), request);
+      raw.Write(file ? copy.Data() : buffer.Data(), request, rawBase + offset);
+    }
+  };
+  const auto rawReadPass = [&] {
+    for (unsigned int offset = 0; offset < FILE_BYTES; offset += request) {
+      raw.Read(copy.Data(), request, rawBase + offset);
+      if (file) std::memcpy(target.Data(), copy.Data(), request);
+    }
+  };
+  {
+    // The first pass over either medium pays for its pages: it is not measured.
+    CMounted mounted(medium);
+    CHandle handle(CHandle::Create("big", FILE_BYTES));
+    for (unsigned int offset = 0; offset < FILE_BYTES; offset += request) handle.Write(offset, request, buffer.Data());
+  }
+  rawWritePass();
+
+  std::vector<double> writes;
+  std::vector<double> reads;
+  TRAFFIC written;
+  TRAFFIC readBack;
+  CChecksum checksum;
+  for (unsigned int round = 0; round < ROUNDS; ++round) {
+    const double rawWrite = Measure(rawWritePass);
+    {
+      written = TRAFFIC();
+      CMounted mounted(medium, &written);
+      const double write = Measure([&] {
+        {
+          CHandle handle(CHandle::Open("big"));
+          for (unsigned int offset = 0; offset < FILE_BYTES; offset += request)
+            handle.Write(offset, request, buffer.Data());
+        }
+        mounted.Unmount();
+      });
+      writes.push_back(write / rawWrite);
+    }
+    const double rawRead = Measure(rawReadPass);
+    {
+      readBack = TRAFFIC();
+      CMounted mounted(medium, &readBack);
+      const double read = Measure([&] {
+        CHandle handle(CHandle::Open("big"));
+        for (unsigned int offset = 0; offset < FILE_BYTES; offset += request)
+          handle.Read(offset, request, target.Data());
+      });
+      reads.push_back(read / rawRead);
+    }
+    Require(std::memcmp(target.Data(), buffer.Data(), request) == 0, "contents read back");
+    checksum.Add(target.Data(), request);
+  }
+  const std::string pieces = " 256 MiB in " + std::to_string(request / KIB) + " KiB requests";
+  const std::string baseline = file ? "raw calls + memcpy" : "memcpy";
+  const double limit = file ? 1.25 : 2.5;
+  const double goal = file ? 1.1 : 2.1;
+  bench.Report.Add({"W2", "write" + pieces + ", unmount", volume.Name(), Median(writes), baseline, limit, goal, written,
+                    checksum.Value()});
+  bench.Report.Add({"W3", "read" + pieces + ", cold", volume.Name(), Median(reads), baseline, limit, goal, readBack,
+                    checksum.Value()});
+}
+
+}  // namespace
+
+void StreamWorkloads(BENCH& bench) {
+  for (unsigned int fatBits : {16u, 32u}) {
+    for (const BACKEND backend : {BACKEND::File, BACKEND::Memory}) {
+      for (unsigned int request : {64 * KIB, MIB}) Stream(bench, fatBits, backend, request);
+    }
+  }
+}
