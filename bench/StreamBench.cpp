@@ -17,21 +17,24 @@ void Stream(BENCH& bench, unsigned int fatBits, BACKEND backend, unsigned int re
   CMedium raw(bench.Directory, volume);
   CBuffer buffer(request);
   CBuffer copy(request);
+  CRing ring;
   CBuffer target(request);
   buffer.MakeBinary();
   const unsigned long long rawBase = 32ULL * MIB;
   // A block that a request overwrites in part only is read first, so the raw calls read it too.
   const auto rawWritePass = [&] {
     for (unsigned int offset = 0; offset < FILE_BYTES; offset += request) {
-      if (request < BLOCK_BYTES) raw.Read(copy.Data(), request, rawBase + offset);
-      if (file) std::memcpy(copy.Data(), buffer.Data(), request);
-      raw.Write(file ? copy.Data() : buffer.Data(), request, rawBase + offset);
+      unsigned char* cached = file ? ring.Next(request) : buffer.Data();
+      if (request < BLOCK_BYTES) raw.Read(file ? cached : copy.Data(), request, rawBase + offset);
+      if (file) std::memcpy(cached, buffer.Data(), request);
+      raw.Write(cached, request, rawBase + offset);
     }
   };
   const auto rawReadPass = [&] {
     for (unsigned int offset = 0; offset < FILE_BYTES; offset += request) {
-      raw.Read(copy.Data(), request, rawBase + offset);
-      if (file) std::memcpy(target.Data(), copy.Data(), request);
+      unsigned char* cached = ring.Next(request);
+      raw.Read(cached, request, rawBase + offset);
+      if (file) std::memcpy(target.Data(), cached, request);
     }
   };
   {

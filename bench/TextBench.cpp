@@ -14,6 +14,7 @@ void Text(BENCH& bench, unsigned int fatBits, BACKEND backend, unsigned int mebi
                          fatBits == 32 ? (large ? 8u : 1u) : (large ? 64u : 8u)};
   CMedium medium(bench.Directory, volume);
   CBuffer buffer(MIB);  // no byte of it is zero
+  CRing ring;
   const auto name = [](unsigned int i) { return "text" + std::to_string(i); };
   {
     CMounted mounted(medium);
@@ -28,7 +29,7 @@ void Text(BENCH& bench, unsigned int fatBits, BACKEND backend, unsigned int mebi
   for (unsigned int round = 0; round < ROUNDS; ++round) {
     const double raw = Measure([&] {
       for (std::uint64_t offset = 0; offset < std::uint64_t{bytes} * nFiles; offset += 256 * KIB) {
-        medium.Read(buffer.Data(), std::size_t{256} * KIB, 16ULL * MIB + offset);
+        medium.Read(ring.Next(std::size_t{256} * KIB), std::size_t{256} * KIB, 16ULL * MIB + offset);
       }
     });
     CMounted mounted(medium, &traffic);

@@ -71,6 +71,22 @@ class CBuffer {
 
 enum class BACKEND { File, Memory };
 
+/// As much memory as the library's cache has, taken in turn: what raw calls move ends there, as it does in the library.
+class CRing {
+ public:
+  CRing() : m_Buffer(SIZE) {}
+  /// The next `count` bytes; a power of two up to the size.
+  unsigned char* Next(std::size_t count) {
+    m_nAt = (m_nAt + count) % SIZE;
+    return m_Buffer.Data() + m_nAt;
+  }
+
+ private:
+  static constexpr std::size_t SIZE = std::size_t{64} * MIB;
+  CBuffer m_Buffer;
+  std::size_t m_nAt = 0;
+};
+
 /// How a volume is made.
 struct VOLUME {
   unsigned int FatBits;  ///< 16 or 32

@@ -34,8 +34,10 @@ constexpr unsigned char ATTR_LFN = 0x0F;  // exactly this value marks a long-nam
 constexpr unsigned char DIRENT_END = 0x00;      // this slot and all later ones are free
 constexpr unsigned char DIRENT_DELETED = 0xE5;  // this slot is free
 
-constexpr unsigned int DIRENT_SIZE = 32;      // bytes per entry
-constexpr unsigned int SHORT_NAME_SIZE = 11;  // base name and extension, each padded with spaces
+constexpr unsigned int DIRENT_SIZE = 32;          // bytes per entry
+constexpr unsigned int SHORT_NAME_SIZE = 11;      // base name and extension, each padded with spaces
+constexpr unsigned int SHORT_BASE_SIZE = 8;       // of them before the dot that is not stored
+constexpr unsigned int SHORT_EXTENSION_SIZE = 3;  // and after it
 
 constexpr unsigned int LFN_LAST = 0x40;          // ordinal bit of the piece that ends the name
 constexpr unsigned int LFN_ORDINAL_MASK = 0x3F;  // ordinal bits

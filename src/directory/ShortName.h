@@ -11,8 +11,6 @@
 
 class CDirEntCache;
 
-constexpr unsigned int SHORT_BASE_SIZE = 8;
-constexpr unsigned int SHORT_EXTENSION_SIZE = 3;
 constexpr unsigned int MAX_NAME_UNITS = 260;
 
 /// A name as it is looked up or created. Independent of the text it was made from.

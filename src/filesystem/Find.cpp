@@ -6,8 +6,6 @@
 namespace {
 
 constexpr unsigned int FILE_NAME_UNITS = 260;  // of WIN_FIND_DATA::cFileName
-constexpr unsigned int SHORT_BASE_SIZE = 8;
-constexpr unsigned int SHORT_EXTENSION_SIZE = 3;
 
 // Converts a part of a short name. @return its units, or -1
 int ConvertPart(const unsigned char* part, unsigned int size, unsigned short* out) {
