@@ -51,7 +51,7 @@ class CDirectoryRun {
   CDirectoryRun(BENCH& bench, unsigned int fatBits, BACKEND backend, unsigned int nFiles)
       : m_Volume{fatBits, backend, fatBits == 32 ? 600ULL * MIB : 200ULL * MIB, fatBits == 32 ? 8u : 16u},
         m_Medium(bench.Directory, m_Volume),
-        m_Raw(bench.Directory, {32, BACKEND::File, 64 * MIB, 1}),
+        m_Raw(bench.Directory, {32, BACKEND::File, 64ULL * MIB, 1}),
         m_nFiles(nFiles) {}
 
   void Round() {

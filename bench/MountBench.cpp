@@ -34,7 +34,7 @@ void Mount(BENCH& bench, BACKEND backend, unsigned int millionClusters) {
     std::unique_ptr<CMounted> mounted;
     mounts.push_back(Measure([&] {
                        mounted = std::make_unique<CMounted>(medium, &all);
-                       CHandle(CHandle::Create("FIRST" + std::to_string(round), 1));
+                       CHandle first(CHandle::Create("FIRST" + std::to_string(round), 1));
                      }) /
                      read);
     mounting = all;

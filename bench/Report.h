@@ -26,7 +26,7 @@ class CReport {
  public:
   /// @param jsonPath  empty: no file is written
   explicit CReport(std::string jsonPath) : m_JsonPath(std::move(jsonPath)) {}
-  void Heading(const std::string& directory);
+  static void Heading(const std::string& directory);
   /// Prints the line at once.
   void Add(const RESULT& result);
   /// Writes the JSON file and a last line.

@@ -5,6 +5,8 @@
 
 namespace {
 
+constexpr unsigned int BLOCK = 256 * KIB;
+
 // A short file is one of many, each opened once: the raw calls read as many bytes from as many places.
 void Text(BENCH& bench, unsigned int fatBits, BACKEND backend, unsigned int mebibytes) {
   const unsigned int bytes = mebibytes * MIB;
@@ -28,8 +30,8 @@ void Text(BENCH& bench, unsigned int fatBits, BACKEND backend, unsigned int mebi
   CChecksum checksum;
   for (unsigned int round = 0; round < ROUNDS; ++round) {
     const double raw = Measure([&] {
-      for (std::uint64_t offset = 0; offset < std::uint64_t{bytes} * nFiles; offset += 256 * KIB) {
-        medium.Read(ring.Next(std::size_t{256} * KIB), std::size_t{256} * KIB, 16ULL * MIB + offset);
+      for (std::uint64_t offset = 0; offset < std::uint64_t{bytes} * nFiles; offset += BLOCK) {
+        medium.Read(ring.Next(BLOCK), BLOCK, 16ULL * MIB + offset);
       }
     });
     CMounted mounted(medium, &traffic);

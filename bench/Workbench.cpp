@@ -231,17 +231,17 @@ int CHandle::Create(const std::string& path, unsigned int bytes) {
   return Fat_CreateFile(CPath(path).Get(), bytes, 0x20);
 }
 
-void CHandle::Read(unsigned long long offset, unsigned int count, unsigned char* buffer) {
+void CHandle::Read(unsigned long long offset, unsigned int count, unsigned char* buffer) const {
   unsigned int done = 0;
   Require(Fat_ReadFileEx(m_nHandle, static_cast<long long>(offset), count, buffer, &done) == 1, "read");
 }
 
-void CHandle::Write(unsigned long long offset, unsigned int count, unsigned char* buffer) {
+void CHandle::Write(unsigned long long offset, unsigned int count, unsigned char* buffer) const {
   unsigned int done = 0;
   Require(Fat_WriteFileEx(m_nHandle, static_cast<long long>(offset), count, buffer, &done) == 1, "write");
 }
 
-void CHandle::SetSize(unsigned int bytes) { Require(Fat_SetFileSize(m_nHandle, bytes) == 1, "size"); }
+void CHandle::SetSize(unsigned int bytes) const { Require(Fat_SetFileSize(m_nHandle, bytes) == 1, "size"); }
 
 double RawCallSeconds(CMedium& medium) {
   constexpr unsigned int CALLS = 200000;

@@ -171,9 +171,9 @@ class CHandle {
   static int Open(const std::string& path);
   static int Create(const std::string& path, unsigned int bytes);
 
-  void Read(unsigned long long offset, unsigned int count, unsigned char* buffer);
-  void Write(unsigned long long offset, unsigned int count, unsigned char* buffer);
-  void SetSize(unsigned int bytes);
+  void Read(unsigned long long offset, unsigned int count, unsigned char* buffer) const;
+  void Write(unsigned long long offset, unsigned int count, unsigned char* buffer) const;
+  void SetSize(unsigned int bytes) const;
 
  private:
   int m_nHandle;

@@ -61,7 +61,7 @@ int main(int argc, char** argv) {
 
   CReport report(json);
   BENCH bench = {directory, tools, report};
-  report.Heading(directory);
+  CReport::Heading(directory);
   Fat_LibInitialize();
   for (const WORKLOAD& workload : WORKLOADS) {
     bool run = wanted.empty();
