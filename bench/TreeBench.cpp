@@ -17,7 +17,6 @@ std::string Path(unsigned int i) {
 
 void Tree(BENCH& bench, unsigned int fatBits, BACKEND backend) {
   const VOLUME volume = {fatBits, backend, fatBits == 32 ? 320ULL * MIB : 200ULL * MIB, 8};
-  CMedium raw(bench.Directory, volume);
   CBuffer buffer(FILE_BYTES);
   CBuffer target(FILE_BYTES);
   const auto rawOffset = [](unsigned int i) { return 16ULL * MIB + std::uint64_t{i} * FILE_BYTES; };
@@ -28,9 +27,9 @@ void Tree(BENCH& bench, unsigned int fatBits, BACKEND backend) {
   CChecksum checksum;
   for (unsigned int round = 0; round < ROUNDS; ++round) {
     CMedium medium(bench.Directory, volume);
-    CMedium fresh(bench.Directory, volume);  // the library and the raw calls both write pages that were never touched
+    CMedium raw(bench.Directory, volume);  // the library and the raw calls both write pages that were never touched
     const double rawWrite = Measure([&] {
-      for (unsigned int i = 0; i < FILES; ++i) fresh.Write(buffer.Data(), FILE_BYTES, rawOffset(i));
+      for (unsigned int i = 0; i < FILES; ++i) raw.Write(buffer.Data(), FILE_BYTES, rawOffset(i));
     });
     written = TRAFFIC();
     {
@@ -45,7 +44,7 @@ void Tree(BENCH& bench, unsigned int fatBits, BACKEND backend) {
       writes.push_back(write / rawWrite);
     }
     const double rawRead = Measure([&] {
-      for (unsigned int i = 0; i < FILES; ++i) fresh.Read(target.Data(), FILE_BYTES, rawOffset(i));
+      for (unsigned int i = 0; i < FILES; ++i) raw.Read(target.Data(), FILE_BYTES, rawOffset(i));
     });
     readBack = TRAFFIC();
     CMounted mounted(medium, &readBack);
