@@ -36,7 +36,7 @@ std::string Below(unsigned int block) {
 
 class RawSlots : public CLibFixture {
  protected:
-  void MountWithFile(unsigned int blocks) {
+  void OpenFileOf(unsigned int blocks) {
     FAT_GEOMETRY geometry;
     geometry.FatBits = 32;
     geometry.SectorsPerCluster = 8;
@@ -44,95 +44,85 @@ class RawSlots : public CLibFixture {
     CImageBuilder builder(geometry);
     builder.AddFile(CImageBuilder::Root(), "FILE", DirectoryLikeBytes(blocks));
     builder.AddFile(CImageBuilder::Root(), "BIG", std::vector<unsigned char>(std::size_t{66} << 20, 0));
-    ASSERT_NE(Mount(BACKEND::Medium, builder.Image()), nullptr);
+    m_pFileSystem = Mount(BACKEND::Medium, builder.Image());
+    ASSERT_NE(m_pFileSystem, nullptr);
+    m_nFile = Fat_OpenFile(CPath("FILE"));
+    ASSERT_GE(m_nFile, 0);
   }
-
-  static int Open(const std::string& path) { return Fat_OpenFile(CPath(path)); }
+  void TearDown() override {
+    EXPECT_EQ(Fat_CloseFile(m_nFile), 1u);
+    CLibFixture::TearDown();
+  }
 
   // Reads so much of another file that the pool drops every block it had.
   static void PushEverythingOut() {
-    const int big = Open("BIG");
+    const int big = Fat_OpenFile(CPath("BIG"));
     ASSERT_GE(big, 0);
     (void)ReadAll(big);
     EXPECT_EQ(Fat_CloseFile(big), 1u);
   }
+
+  CFatFileSystem* m_pFileSystem = nullptr;
+  int m_nFile = -1;
 };
 
 TEST_F(RawSlots, FileOpenedAndLeftAlone_IsLookedThroughWhereItLies) {
-  MountWithFile(3);
-  const int file = Open("FILE");
-  ASSERT_GE(file, 0);
+  OpenFileOf(3);
   for (unsigned int block = 0; block < 3; ++block) EXPECT_TRUE(Exists(Below(block))) << block;
   EXPECT_FALSE(Exists(Below(3)));
-  EXPECT_EQ(Fat_CloseFile(file), 1u);
 }
 
 TEST_F(RawSlots, FileOverwrittenAfterOpening_ShowsTheEntriesItHadThen) {
-  MountWithFile(3);
-  const int file = Open("FILE");
-  ASSERT_GE(file, 0);
+  OpenFileOf(3);
   std::vector<unsigned char> junk(3 * BLOCK, 0xE5);
   unsigned int done = 0;
-  ASSERT_EQ(Fat_WriteFileEx(file, 0, 3 * BLOCK, junk.data(), &done), 1u);
+  ASSERT_EQ(Fat_WriteFileEx(m_nFile, 0, 3 * BLOCK, junk.data(), &done), 1u);
   for (unsigned int block = 0; block < 3; ++block) EXPECT_TRUE(Exists(Below(block))) << block;
-  EXPECT_EQ(ReadAll(file), junk);
-  EXPECT_EQ(Fat_CloseFile(file), 1u);
+  EXPECT_EQ(ReadAll(m_nFile), junk);
 }
 
 TEST_F(RawSlots, BlocksPushedOutOfThePool_EntriesAreStillThere) {
-  MountWithFile(3);
-  const int file = Open("FILE");
-  ASSERT_GE(file, 0);
+  OpenFileOf(3);
   PushEverythingOut();
   for (unsigned int block = 0; block < 3; ++block) EXPECT_TRUE(Exists(Below(block))) << block;
-  EXPECT_EQ(Fat_CloseFile(file), 1u);
 }
 
 TEST_F(RawSlots, OneByteOfTheLastBlockChanged_OnlyThatBlockIsCopied) {
-  MountWithFile(8);
-  const int file = Open("FILE");
-  ASSERT_GE(file, 0);
+  OpenFileOf(8);
   unsigned char byte = 'X';
   unsigned int done = 0;
   const std::size_t before = Memory().OutstandingBytes();
-  ASSERT_EQ(Fat_WriteFileEx(file, 7 * BLOCK, 1, &byte, &done), 1u);
+  ASSERT_EQ(Fat_WriteFileEx(m_nFile, 7 * BLOCK, 1, &byte, &done), 1u);
   EXPECT_EQ(Memory().OutstandingBytes() - before, BLOCK);
   EXPECT_TRUE(Exists(Below(7)));
-  EXPECT_EQ(Fat_CloseFile(file), 1u);
 }
 
 TEST_F(RawSlots, FileOfManyBlocks_TheFirst65536SlotsCount) {
-  MountWithFile(9);
-  const int file = Open("FILE");
-  ASSERT_GE(file, 0);
+  OpenFileOf(9);
   PushEverythingOut();
   EXPECT_TRUE(Exists(Below(7)));
   EXPECT_FALSE(Exists(Below(8)));
-  EXPECT_EQ(Fat_CloseFile(file), 1u);
 }
 
 TEST_F(RawSlots, NoMemoryForTheCopy_WriteSucceedsAndNothingIsFoundBelow) {
-  MountWithFile(2);
-  const int file = Open("FILE");
-  ASSERT_GE(file, 0);
+  OpenFileOf(2);
   unsigned char byte = 'X';
   unsigned int done = 0;
   Memory().FailAt(1, CMemHooks::FOR_GOOD);
-  EXPECT_EQ(Fat_WriteFileEx(file, 0, 1, &byte, &done), 1u);
+  EXPECT_EQ(Fat_WriteFileEx(m_nFile, 0, 1, &byte, &done), 1u);
   EXPECT_TRUE(Memory().Fired());
   Memory().Heal();
   EXPECT_FALSE(Exists(Below(0)));
   EXPECT_FALSE(Exists(Below(1)));
-  EXPECT_EQ(ReadAt(file, 0, 1), std::vector<unsigned char>{'X'});
-  EXPECT_EQ(Fat_CloseFile(file), 1u);
+  EXPECT_EQ(ReadAt(m_nFile, 0, 1), std::vector<unsigned char>{'X'});
 }
 
 TEST_F(RawSlots, UnmountedWithBlocksInUse_NothingIsCopied) {
-  MountWithFile(8);
-  const int file = Open("FILE");
-  ASSERT_GE(file, 0);
-  EXPECT_EQ(Fat_CloseFile(file), 1u);
-  // The fixture unmounts, and finds nothing left behind.
+  OpenFileOf(8);
+  const std::size_t before = Memory().OutstandingBytes();
+  Memory().ResetPeak();
+  EXPECT_TRUE(Unmount(m_pFileSystem));
+  EXPECT_LT(Memory().PeakBytes(), before + 2 * BLOCK);  // the copy of the FAT takes somewhat more than a block
 }
 
 }  // namespace

@@ -174,8 +174,8 @@ TEST_F(Durability, LastCloseOfAnObjectPushedOut_WritesIt) {
   for (const CUT_VOLUME& volume : AllVolumes()) {
     SCOPED_TRACE(::testing::Message() << volume);
     const START_VOLUME& start = StartVolume(volume, true);
-    RECORDED_MEDIUM medium(start.Image);
-    CRecordingStorage* const storage = new CRecordingStorage(medium);
+    CMedium medium(start.Image);
+    CFaultStorage* const storage = new CFaultStorage(medium);
     CFatFileSystem* const fileSystem = Fat_Mount(storage, nullptr);
     ASSERT_NE(fileSystem, nullptr);
     const int handle = Fat_OpenFile(CPath("KEEP.TXT"));
@@ -183,9 +183,9 @@ TEST_F(Durability, LastCloseOfAnObjectPushedOut_WritesIt) {
     unsigned int reported = 0;
     EXPECT_EQ(Fat_WriteFileEx(handle, 0, 700, bytes.data(), &reported), 1u);
     ForgetObjects();
-    EXPECT_EQ(medium.Writes.size(), 0u);
+    EXPECT_EQ(medium.Writes(), 0u);
     EXPECT_EQ(Fat_CloseFile(handle), 1u);
-    const CVolumeReader reader(medium.Image);
+    const CVolumeReader reader(medium.Image());
     EXPECT_EQ(reader.Content(*reader.Find("KEEP.TXT")), bytes);
     EXPECT_EQ(Fat_Unmount(fileSystem), 1u);
     delete storage;
@@ -209,8 +209,9 @@ TEST_F(Durability, MoreThan64MiBInUse_WritesTheOldestDataFirst) {
   options.Size = 257 * BLOCK;
   options.FirstCluster = clusters[0];
   builder.AddFile(CImageBuilder::Root(), "BIG.BIN", {}, {}, options);
-  RECORDED_MEDIUM medium(builder.Image());
-  CRecordingStorage* const storage = new CRecordingStorage(medium);
+  CMedium medium(builder.Image());
+  medium.RecordWrites();
+  CFaultStorage* const storage = new CFaultStorage(medium);
   CFatFileSystem* const fileSystem = Fat_Mount(storage, nullptr);
   ASSERT_NE(fileSystem, nullptr);
   const int handle = Fat_OpenFile(CPath("BIG.BIN"));
@@ -218,15 +219,15 @@ TEST_F(Durability, MoreThan64MiBInUse_WritesTheOldestDataFirst) {
   BYTES bytes(BLOCK, 0x5A);
   unsigned int reported = 0;
   unsigned int blocks = 0;
-  for (; blocks < 257 && medium.Writes.empty(); ++blocks) {
+  for (; blocks < 257 && medium.Writes() == 0; ++blocks) {
     EXPECT_EQ(Fat_WriteFileEx(handle, static_cast<long long>(blocks) * BLOCK, BLOCK, bytes.data(), &reported), 1u);
   }
   // The root directory holds one of the 256 blocks, unchanged. It was the oldest and made room for the 256th of the
   // file; the 257th displaces the first.
   EXPECT_EQ(blocks, 257u);
-  ASSERT_EQ(medium.Writes.size(), 1u);
-  EXPECT_EQ(medium.Writes[0].Offset, builder.ClusterOffset(clusters[0]));
-  EXPECT_EQ(medium.Writes[0].Bytes, bytes);
+  ASSERT_EQ(medium.Writes(), 1u);
+  EXPECT_EQ(medium.RecordedWrites()[0].Offset, builder.ClusterOffset(clusters[0]));
+  EXPECT_EQ(medium.RecordedWrites()[0].Bytes, bytes);
   EXPECT_EQ(Fat_CloseFile(handle), 1u);
   EXPECT_EQ(Fat_Unmount(fileSystem), 1u);
   delete storage;
@@ -390,14 +391,14 @@ TEST_F(Durability, HandlesLeftOpen_AreWrittenByTheUnmountToo) {
 }
 
 TEST_F(Durability, TerminationWithoutUnmount_WritesNothing) {
-  RECORDED_MEDIUM medium(StartVolume({32, 2}).Image);
-  CRecordingStorage* const storage = new CRecordingStorage(medium);
+  CMedium medium(StartVolume({32, 2}).Image);
+  CFaultStorage* const storage = new CFaultStorage(medium);
   ASSERT_NE(Fat_Mount(storage, nullptr), nullptr);
   MakeFile("NEW.TXT", 3000);
   Overwrite("OLD.TXT", 3);
   EXPECT_EQ(Fat_LibTerminate(), 1u);
   Terminated();
-  EXPECT_EQ(medium.Writes.size(), 0u);
+  EXPECT_EQ(medium.Writes(), 0u);
   static_cast<void>(storage->Close());
   delete storage;
 }

@@ -104,56 +104,6 @@ DAMAGE KindOf(const std::string& problem) {
 
 }  // namespace
 
-// ---------------------------------------------------------------- CRecordingStorage
-
-int CRecordingStorage::OpenDevice(void* device) {
-  static_cast<void>(device);
-  m_hDevice = 0;
-  return 0;
-}
-
-int CRecordingStorage::CloseDevice() {
-  m_pMedium = nullptr;  // a transfer after this would be a crash
-  return 1;
-}
-
-void CRecordingStorage::HookIoFunctions() {
-  m_pfnGetMpb = &CFatStorage::_GetMpb;
-  m_pfnReadBytes = &CRecordingStorage::_ReadBytes;
-  m_pfnWriteBytes = &CRecordingStorage::_WriteBytes;
-  m_pfnReadBytesAligned = &CRecordingStorage::_ReadBytes;
-  m_pfnWriteBytesAligned = &CRecordingStorage::_WriteBytes;
-  m_pfnReadSectors = &CRecordingStorage::_ReadSectors;
-  m_pfnWriteSectors = &CRecordingStorage::_WriteSectors;
-}
-
-int CRecordingStorage::_ReadBytes(CVolumeStorage* storage, unsigned char* buffer, long long position,
-                                  unsigned int count) {
-  const RECORDED_MEDIUM& medium = *static_cast<CRecordingStorage*>(storage)->m_pMedium;
-  medium.Image.Read(static_cast<std::uint64_t>(position), buffer, count);
-  return 0;
-}
-
-int CRecordingStorage::_WriteBytes(CVolumeStorage* storage, unsigned char* buffer, long long position,
-                                   unsigned int count) {
-  RECORDED_MEDIUM& medium = *static_cast<CRecordingStorage*>(storage)->m_pMedium;
-  medium.Writes.push_back({static_cast<std::uint64_t>(position), BYTES(buffer, buffer + count)});
-  Replay(medium.Image, medium.Writes.back());
-  return 0;
-}
-
-int CRecordingStorage::_ReadSectors(CVolumeStorage* storage, unsigned char* buffer, long long position,
-                                    unsigned int count) {
-  const unsigned int bytes = storage->BytesPerSector();
-  return _ReadBytes(storage, buffer, position * bytes, count * bytes);
-}
-
-int CRecordingStorage::_WriteSectors(CVolumeStorage* storage, unsigned char* buffer, long long position,
-                                     unsigned int count) {
-  const unsigned int bytes = storage->BytesPerSector();
-  return _WriteBytes(storage, buffer, position * bytes, count * bytes);
-}
-
 // ---------------------------------------------------------------- replaying
 
 std::ostream& operator<<(std::ostream& out, const POWER_CUT& cut) {
@@ -268,36 +218,24 @@ DAMAGES DamageOf(const CDiskImage& image, std::string* text) {
   return damages;
 }
 
-std::vector<MEDIUM_WRITE> CPowerCutFixture::Record(const CDiskImage& start, const std::function<void()>& change) {
-  RECORDED_MEDIUM medium(start);
-  CRecordingStorage* const storage = new CRecordingStorage(medium);
+std::vector<MEDIUM_WRITE> CPowerCutFixture::Record(const CDiskImage& start, const std::function<void()>& change,
+                                                   bool withUnmount) {
+  CMedium medium(start);
+  medium.RecordWrites();
+  CFaultStorage* const storage = new CFaultStorage(medium);
   CFatFileSystem* const fileSystem = Fat_Mount(storage, nullptr);
   if (fileSystem == nullptr) {
     ADD_FAILURE() << "the start image cannot be mounted";
     return {};
   }
   change();
+  const std::size_t written = medium.RecordedWrites().size();
   EXPECT_EQ(Fat_Unmount(fileSystem), 1u);
+  EXPECT_EQ(medium.TransfersWhileClosed(), 0u);
   delete storage;
-  return medium.Writes;
-}
-
-std::vector<MEDIUM_WRITE> CPowerCutFixture::RecordWithoutUnmount(const CDiskImage& start,
-                                                                 const std::function<void()>& change) {
-  std::size_t written = 0;
-  RECORDED_MEDIUM medium(start);
-  CRecordingStorage* const storage = new CRecordingStorage(medium);
-  CFatFileSystem* const fileSystem = Fat_Mount(storage, nullptr);
-  if (fileSystem == nullptr) {
-    ADD_FAILURE() << "the start image cannot be mounted";
-    return {};
-  }
-  change();
-  written = medium.Writes.size();
-  EXPECT_EQ(Fat_Unmount(fileSystem), 1u);
-  delete storage;
-  medium.Writes.resize(written, MEDIUM_WRITE{0, {}});
-  return medium.Writes;
+  std::vector<MEDIUM_WRITE> writes = medium.RecordedWrites();
+  if (!withUnmount) writes.resize(written, MEDIUM_WRITE{0, {}});
+  return writes;
 }
 
 void CPowerCutFixture::Walk(CFatFileSystem* fileSystem, const std::string& path, unsigned int depth,

@@ -1,5 +1,5 @@
 /// @file PowerCut.h
-/// Power cuts. A storage records every write with its bytes; a replayer then lays each beginning of that record over
+/// Power cuts. A medium records every write with its bytes; a replayer then lays each beginning of that record over
 /// the image that was there before, the write at the cut whole or torn at a sector boundary; and a fixture looks at
 /// what a host would find afterwards, with the library and with a reader that shares nothing with it.
 
@@ -15,44 +15,12 @@
 #include <utility>
 #include <vector>
 
-#include "storage/XStorage.h"
 #include "support/DiskImage.h"
+#include "support/FaultStorage.h"
 #include "support/ImageBuilder.h"
 #include "support/LibFixture.h"
 
 using BYTES = std::vector<unsigned char>;
-
-// ---------------------------------------------------------------- recording
-
-/// One write as the medium got it.
-struct MEDIUM_WRITE {
-  std::uint64_t Offset;
-  BYTES Bytes;
-};
-/// The state behind a CRecordingStorage.
-struct RECORDED_MEDIUM {
-  explicit RECORDED_MEDIUM(CDiskImage image) : Image(std::move(image)) {}
-  CDiskImage Image;
-  std::vector<MEDIUM_WRITE> Writes;
-};
-
-/// The storage object for Fat_Mount; its open parameter is ignored.
-class CRecordingStorage final : public CFatStorage {
- public:
-  explicit CRecordingStorage(RECORDED_MEDIUM& medium) : m_pMedium(&medium) {}
-
-  int OpenDevice(void* device) override;
-  int CloseDevice() override;
-  void HookIoFunctions() override;
-
- private:
-  static int _ReadBytes(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
-  static int _WriteBytes(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
-  static int _ReadSectors(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
-  static int _WriteSectors(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
-
-  RECORDED_MEDIUM* m_pMedium;  // owned by the test
-};
 
 // ---------------------------------------------------------------- replaying
 
@@ -144,9 +112,13 @@ struct LIBRARY_VIEW {
 class CPowerCutFixture : public CLibFixture {
  protected:
   /// Mounts the start image on a recording medium, calls `change`, and unmounts. @return the writes
-  std::vector<MEDIUM_WRITE> Record(const CDiskImage& start, const std::function<void()>& change);
+  static std::vector<MEDIUM_WRITE> Record(const CDiskImage& start, const std::function<void()>& change) {
+    return Record(start, change, true);
+  }
   /// The same without the unmount: what had been written when the change returned.
-  std::vector<MEDIUM_WRITE> RecordWithoutUnmount(const CDiskImage& start, const std::function<void()>& change);
+  static std::vector<MEDIUM_WRITE> RecordWithoutUnmount(const CDiskImage& start, const std::function<void()>& change) {
+    return Record(start, change, false);
+  }
 
   /// Mounts an image, lists every directory, reads every file. Nothing may be written by that. Fails the test when a
   /// directory tree goes on for ever.
@@ -169,6 +141,8 @@ class CPowerCutFixture : public CLibFixture {
   static void Delete(const std::string& path);
 
  private:
+  static std::vector<MEDIUM_WRITE> Record(const CDiskImage& start, const std::function<void()>& change,
+                                          bool withUnmount);
   void Walk(CFatFileSystem* fileSystem, const std::string& path, unsigned int depth, LIBRARY_VIEW& view);
 };
 

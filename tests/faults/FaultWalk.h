@@ -3,8 +3,7 @@
 /// the same volume, each time with another fault:
 ///
 ///  - transfer 1, then 2, then 3, ... fails, until a run finishes untouched: the one transfer; that one and all after
-///  it
-///    up to the end of the operation; that one and all after it up to the end of the unmount;
+///    it up to the end of the operation; that one and all after it up to the end of the unmount;
 ///  - read 1, 2, 3, ... and write 1, 2, 3, ... moves half of its bytes, or none, once or from then on. A short transfer
 ///    counts as success: what a read does not deliver is zeros;
 ///  - allocation 1, 2, 3, ... of the operation gives null, once or from then on.

@@ -9,11 +9,9 @@
 ///  - the result of every call: handles, booleans, sizes, offsets, attributes, long and short names (the running number
 ///    in them too), the order of listings, listings that go on while entries come, go and move;
 ///  - handles: the lowest free one, full tables, invalid ones, dead ones after an unmount, the offset that handles of
-///  one
-///    path share, and every close that sets it back, the library's own ones included;
+///    one path share, and every close that sets it back, the library's own ones included;
 ///  - where every entry set lies in its directory: first fit, growth by clusters, compaction; when a directory, the
-///  fixed
-///    root or the disk is full, and what is left of an operation that failed half way;
+///    fixed root or the disk is full, and what is left of an operation that failed half way;
 ///  - the cache of 160 objects by path, in order of use, with the objects that lost their place in it while they were
 ///    open, and the old paths under which renamed and moved objects stay known;
 ///  - contents, time stamps and free clusters, as an independent reader finds them after each unmount;
@@ -26,8 +24,7 @@
 /// What it avoids: calls whose stated outcome is a mess. They throw AVOID, before the twin's tree changes. The run then
 /// unmounts and mounts, as hosts are advised, and tries once more; a call still avoided is left out.
 ///  - building a second object of an entry that has one: after a rename or a move the object stays known by its old
-///  path
-///    only, and an object pushed out of the cache while it is open is known by none;
+///    path only, and an object pushed out of the cache while it is open is known by none;
 ///  - changing size or attributes through a path that leads to no entry or to another one;
 ///  - writing into a directory by its handle, shrinking one, turning the directory or label bit of an entry;
 ///  - paths below a regular file whose bytes could read as entries, creating below one that was opened by path;

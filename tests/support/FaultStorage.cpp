@@ -179,6 +179,7 @@ int CMedium::Perform(IO_KIND kind, unsigned char* buffer, long long offset, unsi
     std::memset(buffer + moved, 0, static_cast<std::size_t>(count - moved));
   } else {
     m_Image.Write(position, buffer, static_cast<std::size_t>(moved));
+    if (m_bRecordWrites) m_RecordedWrites.push_back({position, {buffer, buffer + moved}});
   }
   const bool bytesForm = kind == IO_KIND::ReadBytes || kind == IO_KIND::WriteBytes;
   if (bytesForm || !m_bReturnCounts) return 0;

@@ -43,6 +43,12 @@ struct IO_RECORD {
 bool operator==(const IO_RECORD& a, const IO_RECORD& b);
 std::ostream& operator<<(std::ostream& out, const IO_RECORD& record);
 
+/// What one write stored.
+struct MEDIUM_WRITE {
+  std::uint64_t Offset;
+  std::vector<unsigned char> Bytes;
+};
+
 enum FAULT_DURATION {
   FAULT_ONCE,      // the one transfer
   FAULT_FOR_GOOD,  // that transfer and all after it, until Heal
@@ -79,6 +85,10 @@ class CMedium {
   unsigned int TransfersWhileClosed() const { return m_nWhileClosed; }
   /// The trace, one line each, for failure messages.
   std::string TraceText() const;
+  /// From now on the bytes of each write are kept too.
+  void RecordWrites() { m_bRecordWrites = true; }
+  /// What the writes since then have stored, whole or shortened; one that failed has stored nothing.
+  const std::vector<MEDIUM_WRITE>& RecordedWrites() const { return m_RecordedWrites; }
   /// Forgets the trace and all counts; faults stay armed.
   void ClearTrace();
   /// With false only the counts are kept: for long runs.
@@ -132,6 +142,8 @@ class CMedium {
   unsigned int m_nWhileClosed = 0;
   int m_nOpenDevices = 0;
   bool m_bKeepTrace = true;
+  bool m_bRecordWrites = false;
+  std::vector<MEDIUM_WRITE> m_RecordedWrites;
 
   FAULT m_Fault = FAULT::None;
   unsigned int m_nCountdown = 0;  // transfers that pass the filter until the fault hits

@@ -7,32 +7,14 @@ namespace transfertest {
 namespace {
 
 constexpr unsigned int CLUSTER = 4096;
-constexpr unsigned int PER_BLOCK = BLOCK / CLUSTER;
 
-/// F has 12 blocks and 100 bytes, contiguous, and is open: its block 0 is in memory.
-class ReadingFile : public TransferWidths {
+class TransfersOfReading : public TransfersOfAFile {
  protected:
-  static constexpr unsigned int SIZE = 12 * BLOCK + 100;
-
-  void SetUp() override {
-    TransferWidths::SetUp();
-    CImageBuilder& volume = Build(Geometry(Bits(), CLUSTER));
-    AddHoles(volume, volume.Root(), "F", SIZE, Clusters(10, 12 * PER_BLOCK + 1));
-    MountQuietly();
-    m_hFile = Open("F");
-    EXPECT_TRUE(Made({ReadRun(Pos(0), BLOCK)}));
-  }
   void TearDown() override {
     Close(m_hFile);
-    TransferWidths::TearDown();
+    TransfersOfAFile::TearDown();
   }
-  /// Where a byte of the file lies.
-  std::uint64_t Pos(std::uint64_t offset) const { return At(10) + offset; }
-
-  int m_hFile = -1;
 };
-
-using TransfersOfReading = ReadingFile;
 INSTANTIATE_TEST_SUITE_P(Widths, TransfersOfReading, ::testing::Values(12u, 16u, 32u), WidthName);
 
 // ---------------------------------------------------------------------------------------------- one block

@@ -145,6 +145,27 @@ class TransferWidths : public TransferTest, public ::testing::WithParamInterface
   static unsigned int Bits() { return GetParam(); }
 };
 
+/// A file F of 12 blocks and 100 bytes, contiguous and open: its block 0 is in memory.
+class TransfersOfAFile : public TransferWidths {
+ protected:
+  static constexpr unsigned int CLUSTER = 4096;
+  static constexpr unsigned int PER_BLOCK = BLOCK / CLUSTER;
+  static constexpr unsigned int SIZE = 12 * BLOCK + 100;
+
+  void SetUp() override {
+    TransferWidths::SetUp();
+    CImageBuilder& volume = Build(Geometry(Bits(), CLUSTER));
+    AddHoles(volume, volume.Root(), "F", SIZE, Clusters(10, 12 * PER_BLOCK + 1));
+    MountQuietly();
+    m_hFile = Open("F");
+    EXPECT_TRUE(Made({ReadRun(Pos(0), BLOCK)}));
+  }
+  /// Where a byte of the file lies.
+  std::uint64_t Pos(std::uint64_t offset) const { return At(10) + offset; }
+
+  int m_hFile = -1;
+};
+
 inline std::string WidthName(const ::testing::TestParamInfo<unsigned int>& bits) {
   return "Fat" + std::to_string(bits.param);
 }

@@ -8,21 +8,9 @@ namespace transfertest {
 namespace {
 
 constexpr unsigned int CLUSTER = 4096;
-constexpr unsigned int PER_BLOCK = BLOCK / CLUSTER;
 
-/// F has 12 blocks and 100 bytes, contiguous, and is open: its block 0 is in memory.
-class WritingFile : public TransferWidths {
+class TransfersOfWriting : public TransfersOfAFile {
  protected:
-  static constexpr unsigned int SIZE = 12 * BLOCK + 100;
-
-  void SetUp() override {
-    TransferWidths::SetUp();
-    CImageBuilder& volume = Build(Geometry(Bits(), CLUSTER));
-    AddHoles(volume, volume.Root(), "F", SIZE, Clusters(10, 12 * PER_BLOCK + 1));
-    MountQuietly();
-    m_hFile = Open("F");
-    EXPECT_TRUE(Made({ReadRun(Pos(0), BLOCK)}));
-  }
   /// Closes, which writes nothing, and unmounts, which writes the blocks of F given. Directory and FAT are unchanged.
   void ExpectStored(const TRANSFERS& blocks) {
     Close(m_hFile);
@@ -30,14 +18,9 @@ class WritingFile : public TransferWidths {
     EXPECT_TRUE(UnmountTraced());
     EXPECT_TRUE(Made(Unmounting({}, {}, blocks)));
   }
-  std::uint64_t Pos(std::uint64_t offset) const { return At(10) + offset; }
   /// A whole block of F, stored.
   IO_RECORD Stored(unsigned int block) const { return WriteRun(Pos(std::uint64_t{block} * BLOCK), BLOCK); }
-
-  int m_hFile = -1;
 };
-
-using TransfersOfWriting = WritingFile;
 INSTANTIATE_TEST_SUITE_P(Widths, TransfersOfWriting, ::testing::Values(12u, 16u, 32u), WidthName);
 
 // ---------------------------------------------------------------------------------------------- into memory
