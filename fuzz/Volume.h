@@ -16,8 +16,7 @@ enum class DIRECTORY_PLACE { FixedRoot, RootChain, Subdirectory };
 /// 128-byte sectors and clusters and 65,600 of them. There are files for entries to lead to: the chains 100 to 107 and
 /// 200, 202, 201.
 /// @param bytes  contents of the directory; what it cannot hold is dropped. A subdirectory is "D", with "." and ".."
-/// before
-///               the bytes if `dots` is set
+///               before the bytes if `dots` is set
 void MakeVolume(DIRECTORY_PLACE place, const std::vector<std::uint8_t>& bytes, bool dots);
 
 #endif  // FATLIB_FUZZ_VOLUME_H

@@ -116,7 +116,7 @@ void CFatBitmap::AdvanceHint(unsigned int from) { (void)FindNextForward_0_Run(fr
 // Find_0_Bits(count, m_nHint), but what the last search for about as much has passed over is not searched again: on a
 // fragmented volume every growth of a file would walk the whole map.
 unsigned int CFatBitmap::FindHole(unsigned int count) {
-  SEARCHED& searched = m_Searched[count == 0 ? 0 : gGetLog2Of(count)];
+  SEARCHED& searched = m_Searched[gGetLog2Of(count)];
   const bool known = searched.Count != 0 && count >= searched.Count;
   if (known && searched.End == NOT_FOUND) return NOT_FOUND;
   const unsigned int from = known && searched.End > m_nHint ? searched.End : m_nHint;

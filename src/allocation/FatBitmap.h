@@ -26,8 +26,7 @@ class CFatBitmap : public CBitmap {
   /// Chooses `count` free clusters, marks them used and appends them to `runs`: one contiguous run if there is any, the
   /// first from the hint on; otherwise the lowest free holes in ascending order, the last one cut to what is needed.
   /// @return negative, with nothing marked: STATUS_DISK_FULL, or STATUS_DISK_CORRUPT when the run map could not grow or
-  /// the
-  ///         free count promised more than the map holds
+  ///         the free count promised more than the map holds
   [[nodiscard]] int AllocateClusters(unsigned int count, CRuns* runs);
 
   /// Marks every cluster of the map free. Freeing what is free already counts twice.

@@ -52,8 +52,7 @@ class CFatTable {
   /// @param sectorShift  log2 of the sector size
   /// @param clusters     clusters of the volume; the FAT has two entries more
   /// @return negative: STATUS_INVALID_PARAMETER for another width, STATUS_NO_MEMORY, or the status of a failed read.
-  /// The
-  ///         caller calls Abandon then.
+  ///         The caller calls Abandon then.
   [[nodiscard]] int Create(FAT_IDX_BITS bits, unsigned int sectorShift, unsigned int clusters);
   /// Writes what is dirty and frees everything. @return the status of flushing the write-delay list
   int Destory();

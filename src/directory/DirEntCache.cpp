@@ -392,16 +392,15 @@ int CDirEntCache::ParseRaw() {
   if (m_Raw.IsLost()) return STATUS_NO_MEMORY;
   m_bParsing = true;  // the operations used below must not come back here
   CRawSource source(m_Raw);
-  const int status = Load(source);
-  m_bParsing = false;
-  if (status != STATUS_END_OF_FILE && status < 0) {
+  int status = Load(source);
+  if (status == STATUS_END_OF_FILE) status = STATUS_SUCCESS;
+  if (status < 0) {
     // Out of memory: as if nobody had asked, so that a later try may succeed.
     DropRecords();
-    m_bParsing = true;
     MarkFree(0, m_nSlots);
-    m_bParsing = false;
-    return status;
+  } else {
+    m_Raw.Clear();
   }
-  m_Raw.Clear();
-  return STATUS_SUCCESS;
+  m_bParsing = false;
+  return status;
 }

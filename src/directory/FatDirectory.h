@@ -35,9 +35,8 @@ class CFatDir : public CFatFile {
 
   /// Creates a file of `size` bytes and its object. The object has no path key yet, and one reference, the caller's.
   /// @return negative: STATUS_DISK_FULL with nothing written, STATUS_FILE_CORRUPT without memory for the object (the
-  /// entry
-  ///         set is gone again), or that of a failed transfer. When the size cannot be given the entry set is deleted
-  ///         again, but its record stays.
+  ///         entry set is gone again), or that of a failed transfer. When the size cannot be given the entry set is
+  ///         deleted again, but its record stays.
   [[nodiscard]] int CreateNewFile(const unsigned short* name, unsigned char attribute, unsigned int size,
                                   CFatFile** file);
   /// Creates a directory with "." and "..", and its object. Results as of CreateNewFile; when a block of another file
@@ -61,8 +60,7 @@ class CFatDir : public CFatFile {
   /// Takes n consecutive slots: the lowest ones; grows the directory, or slides used slots towards its start, when
   /// there are none.
   /// @return negative: STATUS_DISK_FULL when the directory is a fixed root or has 65,536 slots, or its cache does not
-  /// hold
-  ///         together; or that of a failed growth or transfer
+  ///         hold together; or that of a failed growth or transfer
   [[nodiscard]] int AllocDirEntsByBitmap(unsigned int n, unsigned int* first);
   /// Writes a new entry set and adds its record, which it does also when the write failed.
   [[nodiscard]] int CreateNewDirEnts(const unsigned short* name, unsigned char attribute, unsigned int size,

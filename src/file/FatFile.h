@@ -7,8 +7,7 @@
 ///   LIVE --Shutdown--> DEAD --last Release--> deleted
 ///   LIVE  belongs to a mounted volume, and is in the volume's list of objects.
 ///   DEAD  the volume is gone, or the object is being deleted: no block, no cluster map, no volume. Only its handle is
-///   left,
-///         which can be closed.
+///         left, which can be closed.
 
 #ifndef FATLIB_FATFILE_H
 #define FATLIB_FATFILE_H
@@ -127,8 +126,7 @@ class CFatFile : public CFileBase {
   /// those of a directory are cleared.
   /// @param parent, context  where the object's directory entry is; both null: found by the object's path
   /// @return negative: STATUS_INVALID_PARAMETER for more than 2^32 - cluster size bytes (nothing changed),
-  /// STATUS_DISK_FULL,
-  ///         STATUS_FILE_CORRUPT, or that of a failed transfer
+  ///         STATUS_DISK_FULL, STATUS_FILE_CORRUPT, or that of a failed transfer
   [[nodiscard]] int SetSize(unsigned int size, CFatDir* parent, DENTCTX* context);
   /// Writes zeros through the block cache, in pieces of 512 bytes; a remainder of less is left out.
   [[nodiscard]] int ZeroDataAligned(long long pos, unsigned int len);

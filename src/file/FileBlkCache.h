@@ -55,13 +55,11 @@ class CFileBlkCache {
 
   /// Transfers `len` bytes at `pos`, which the caller has cut to the limit.
   /// @param done   out: the bytes copied to or from cached blocks, plus, for each uncached piece, the length of the
-  /// last
-  ///               piece if it was aligned and reached the end of the request; else nothing for them. Kept on purpose:
-  ///               the data is complete whatever it says. On failure what it held so far.
+  ///               last piece if it was aligned and reached the end of the request; else nothing for them. Kept on
+  ///               purpose: the data is complete whatever it says. On failure what it held so far.
   /// @param limit  the file's limit in bytes; nothing beyond is read from storage
   /// @return negative: STATUS_NO_MEMORY, or the status of a failed transfer, also of another file's block that had to
-  /// make
-  ///         room. Blocks handled before stay cached.
+  ///         make room. Blocks handled before stay cached.
   [[nodiscard]] int Read(long long pos, unsigned int len, unsigned char* buf, unsigned int* done, long long limit) {
     return Transfer<false>(pos, len, buf, done, limit);
   }

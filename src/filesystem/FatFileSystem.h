@@ -9,8 +9,7 @@
 ///
 /// Two rules keep objects and paths valid across nested calls:
 ///  - what the hash of a path told (its key, its prefixes) is a record of the call that hashed it: growing a directory
-///  in
-///    the middle of a creation resolves another path;
+///    in the middle of a creation resolves another path;
 ///  - a call holds a reference on every object it works with, taken after the tests whether the object is open.
 
 #ifndef FATLIB_FATFILESYSTEM_H
@@ -35,8 +34,8 @@ class CFatFileSystem : public CFatVolume, public OS_ALLOCATED {
 
   /// Opens the storage and mounts the volume on it.
   /// @return false: everything is released again, the storage object's memory too (unless it is null). A device that
-  /// was
-  ///         opened stays open when the boot sector or the volume is refused in Open; it is closed when mounting fails.
+  ///         was opened stays open when the boot sector or the volume is refused in Open; it is closed when mounting
+  ///         fails.
   bool Mount(CVolumeStorage* storage, void* param);
   /// Writes everything back and closes the storage. @return false when the FAT could not be written: everything else is
   /// dropped then, and the storage stays open. The file system is dead in either case.

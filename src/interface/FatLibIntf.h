@@ -18,9 +18,8 @@
 /// What a host must know about durability
 ///  - Writing never extends a file. Give it its size first, with Fat_CreateFile or Fat_SetFileSize.
 ///  - Closing a handle does not write anything, unless the library has dropped the object from its cache meanwhile: the
-///  last
-///    handle's closing then writes its data. Data reaches the medium when a cache block is evicted, when the cached
-///    object is dropped, and at Fat_Unmount; FAT changes of a small volume only at Fat_Unmount. Always unmount.
+///    last handle's closing then writes its data. Data reaches the medium when a cache block is evicted, when the
+///    cached object is dropped, and at Fat_Unmount; FAT changes of a small volume only at Fat_Unmount. Always unmount.
 ///  - While mounted only the first FAT is kept up to date. Fat_Unmount copies it over the second one, whether or not
 ///    the volume has two: on a volume formatted with a single FAT that copy destroys the root directory or the first
 ///    data clusters. Do not unmount such a volume unless its image is a throw-away copy; format with two FATs.
@@ -35,12 +34,10 @@
 ///    twice, and the two do not see each other's unsaved data. Keep handles no longer than needed.
 ///  - Names are compared by three hashes and their length: two names of one directory that agree in all four are one.
 ///  - A failed write drops that block's changes. The call that reports it may be one for another file, and at
-///  Fat_CloseFile
-///    and Fat_Unmount nobody reports it: a host that must know counts failures in a storage class of its own, or mounts
-///    again and compares. Stop using a volume after the first failed write.
+///    Fat_CloseFile and Fat_Unmount nobody reports it: a host that must know counts failures in a storage class of its
+///    own, or mounts again and compares. Stop using a volume after the first failed write.
 ///  - A device that was opened stays open when the boot sector is then refused: a host that probes many images leaks
-///  one
-///    descriptor per refusal. Test the boot sector first where that matters.
+///    one descriptor per refusal. Test the boot sector first where that matters.
 
 #ifndef FATLIB_FATLIBINTF_H
 #define FATLIB_FATLIBINTF_H
@@ -120,10 +117,9 @@ FATLIB_API CFatFileSystem* Fat_Mount(CVolumeStorage* storage, void* parameter);
 /// Handles still open on the volume stay in the table, but every function on them fails, except closing.
 /// The current file system is not changed: set another one, or mount, before the next path function.
 /// @return 1, also when data, a directory, the FSInfo sector or the second FAT could not be written; 0 when the file
-/// system
-///         is null or not mounted (any more), or when the first FAT could not be written: then the
-///         volume is dropped as it is and cannot be used again either. Its storage is not closed: call the object's
-///         Close before freeing it.
+///         system is null or not mounted (any more), or when the first FAT could not be written: then the volume is
+///         dropped as it is and cannot be used again either. Its storage is not closed: call the object's Close before
+///         freeing it.
 FATLIB_API unsigned int Fat_Unmount(CFatFileSystem* fileSystem);
 
 /// Makes a mounted file system the current one, on which every path function works. Handles belong to the volume they
@@ -181,10 +177,9 @@ FATLIB_API unsigned int Fat_SetFileSize(int handle, unsigned int size);
 /// @param offset     bytes from the start. At, beyond or below the limits of the file: 0 bytes, failure.
 /// @param count      bytes wanted; cut to the end of the file (for a directory: of its clusters).
 /// @param bytesRead  out: the count of bytes as the cache reports it. It is exact for a transfer that lies inside one
-/// block
-///                   of 256 KiB and starts at the block's beginning; for one whose blocks are all cached; and for one
-///                   that starts at a block's beginning with none of them cached. Any other reports less (often 0) or
-///                   more than was moved; the data itself is delivered in full. Never use the count to index the
+///                   block of 256 KiB and starts at the block's beginning; for one whose blocks are all cached; and for
+///                   one that starts at a block's beginning with none of them cached. Any other reports less (often 0)
+///                   or more than was moved; the data itself is delivered in full. Never use the count to index the
 ///                   buffer: compute it from the offset and the size.
 FATLIB_API unsigned int Fat_ReadFileEx(int handle, long long offset, unsigned int count, unsigned char* buffer,
                                        unsigned int* bytesRead);

@@ -46,13 +46,11 @@ class CFatVolume : public CFatTable {
   void BackupFirstFat();
   /// FAT32: declares the free count and the next-free hint unknown; the library never maintains them.
   /// @return 0 on FAT12 and FAT16; negative: a failed transfer, or STATUS_DISK_CORRUPT for a wrong signature (nothing
-  /// is
-  ///         written then)
+  ///         is written then)
   int ResetFat32FsInfo();
 
   /// @return clusters of the data area: (total - overhead) / sectors per cluster, all unsigned 32-bit and truncating,
-  /// the
-  ///         root area counted without the sector that it ends in
+  ///         the root area counted without the sector that it ends in
   static unsigned int NumberOfClusters(const FAT_MPB& mpb);
   /// Fills in the geometry.
   /// @param rootCluster  out, FAT32 only: first cluster of the root directory

@@ -9,8 +9,7 @@
 ///      public:
 ///       int OpenDevice(void* parameter) override;   // 0 or a negative status
 ///       int CloseDevice() override;                 // 1
-///       void HookIoFunctions() override;            // set m_pfnGetMpb = &CFatStorage::_GetMpb and the six m_pfn...
-///       below
+///       void HookIoFunctions() override;            // m_pfnGetMpb = &CFatStorage::_GetMpb, and the six below
 ///     };
 ///
 /// Rules for transfer functions: byte 0 is the boot sector; a negative result is a failure, zero or more a success;
@@ -58,8 +57,8 @@ class FATLIB_API CVolumeStorage {
   /// Opens the device, reads and checks the boot sector, and sets the sector size from it. Needs no earlier state:
   /// every member is set here.
   /// @return 0, or negative: the result of OpenDevice or of the read, 0xC0000017 without memory, 0xC000014F when the
-  /// boot
-  ///         sector is refused. After a failure past OpenDevice the device is left open, and Close must not be called.
+  ///         boot sector is refused. After a failure past OpenDevice the device is left open, and Close must not be
+  ///         called.
   [[nodiscard]] int Open(void* device);
   /// Frees the sector buffer and closes the device. @return the result of CloseDevice.
   int Close();
