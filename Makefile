@@ -9,7 +9,7 @@ BUILD := build/$(PRESET)
 # mkfs.fat is outside the path of a normal user on Debian.
 export PATH := $(PATH):/usr/sbin:/sbin
 
-.PHONY: all help setup configure build demo test bench install analyse coverage fuzz memcheck format clean
+.PHONY: all help setup configure build demo test bench install package docs analyse coverage fuzz memcheck format clean
 
 all: build ## the same as build
 
@@ -37,9 +37,17 @@ bench: configure ## run the benchmark
 	@cmake --build --preset $(PRESET) --parallel $(JOBS) --target fatlib_bench
 	@$(BUILD)/bench/fatlib_bench --json $(BUILD)/bench.json
 
-install: configure ## install headers and library under PREFIX (default /usr/local)
-	@cmake --build --preset $(PRESET) --parallel $(JOBS) --target fatlib
+install: configure ## install library, headers, programs and manual pages under PREFIX (default /usr/local)
+	@cmake --build --preset $(PRESET) --parallel $(JOBS) --target fatlib_installed
 	@cmake --install $(BUILD) --prefix $(PREFIX)
+
+package: configure ## make Debian packages in build/$(PRESET)/packages
+	@cmake --build --preset $(PRESET) --parallel $(JOBS) --target fatlib_installed
+	@cd $(BUILD) && cpack -G DEB
+
+docs: ## make the API reference in build/reference, from the public headers
+	@scripts/setup docs
+	@scripts/docs build/reference
 
 analyse: ## run clang-tidy and cppcheck
 	@scripts/setup analyse

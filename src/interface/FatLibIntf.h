@@ -62,8 +62,8 @@ typedef struct CVolumeStorage CVolumeStorage;
 /// A point in time: 100-nanosecond units since 1601-01-01, as two halves so that the layout is the same on every
 /// architecture.
 typedef struct WIN_FTIME {
-  unsigned int dwLowDateTime;
-  unsigned int dwHighDateTime;
+  unsigned int dwLowDateTime;   ///< the low half
+  unsigned int dwHighDateTime;  ///< the high half
 } WIN_FTIME;
 
 /// One directory entry as the host sees it: 592 bytes, no padding.

@@ -17,7 +17,7 @@
 /// zeroed. They are called from one thread, one at a time, between Open and Close.
 ///
 /// The objects have no virtual destructor. After Fat_Unmount a host frees its object by `delete` through a pointer to
-/// the very class it made, or with `::operator delete(pointer)`; after a failed Fat_Mount the library has done the
+/// the very class it made, or with the global operator delete; after a failed Fat_Mount the library has done the
 /// latter.
 
 #ifndef FATLIB_XSTORAGE_H
@@ -73,23 +73,27 @@ class FATLIB_API CVolumeStorage {
   /// Open, which may reuse the buffer.
   void GetMpb(void* mpb);
 
-  // Transfers: `position` and `count` in bytes; in sectors for the last two. The aligned forms take multiples of the
-  // sector size. A negative result is a failure, any other a success (a back-end may return a byte count).
+  /// Transfers: `position` and `count` in bytes; in sectors for the last two. The aligned forms take multiples of the
+  /// sector size. A negative result is a failure, any other a success (a back-end may return a byte count).
+  /// @{
   [[nodiscard]] int ReadBytes(unsigned char* buffer, long long position, unsigned int count);
   [[nodiscard]] int WriteBytes(unsigned char* buffer, long long position, unsigned int count);
   [[nodiscard]] int ReadBytesAligned(unsigned char* buffer, long long position, unsigned int count);
   [[nodiscard]] int WriteBytesAligned(unsigned char* buffer, long long position, unsigned int count);
   [[nodiscard]] int ReadSectors(unsigned char* buffer, long long position, unsigned int count);
   [[nodiscard]] int WriteSectors(unsigned char* buffer, long long position, unsigned int count);
+  /// @}
 
  protected:
   // Set by Open. A derived back-end may read all of them; it sets m_hDevice, if it has a use for it, in OpenDevice and
   // the functions in HookIoFunctions.
   std::intptr_t m_hDevice = 0;  ///< the device: a file descriptor, or the address of the image as a number
-  unsigned char* m_pDbrBuf =
-      nullptr;  ///< the boot sector, later the one-sector scratch buffer of CFatPartition; null if closed
+  /// The boot sector, later the one-sector scratch buffer of CFatPartition; null if closed.
+  unsigned char* m_pDbrBuf = nullptr;
   unsigned int m_nSectorShift = 0;     ///< log2 of the sector size
   unsigned int m_nBytesPerSector = 0;  ///< sector size in bytes
+  /// What HookIoFunctions installs.
+  /// @{
   MPB_FUNCTION m_pfnGetMpb = nullptr;
   IO_FUNCTION m_pfnReadBytes = nullptr;
   IO_FUNCTION m_pfnWriteBytes = nullptr;
@@ -97,6 +101,7 @@ class FATLIB_API CVolumeStorage {
   IO_FUNCTION m_pfnWriteBytesAligned = nullptr;
   IO_FUNCTION m_pfnReadSectors = nullptr;
   IO_FUNCTION m_pfnWriteSectors = nullptr;
+  /// @}
   unsigned long long m_nVolumeBytes = 0;  ///< size of the volume by its boot sector; all ones until it is known
 };
 
@@ -127,12 +132,16 @@ class FATLIB_API CFatMemory : public CFatStorage {
   void HookIoFunctions() override;
 
  protected:
+  /// The transfer functions of this back-end, which a derived one may call or install again. As those of
+  /// CVolumeStorage, with the storage object first.
+  /// @{
   static int _ReadBytes(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _WriteBytes(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _ReadBytesAligned(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _WriteBytesAligned(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _ReadSectors(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _WriteSectors(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
+  /// @}
 
  private:
   // Where the bytes lie in the image; null when they pass its end.
@@ -150,12 +159,16 @@ class FATLIB_API CFatPartition : public CFatStorage {
   void HookIoFunctions() override;
 
  protected:
+  /// The transfer functions of this back-end, which a derived one may call or install again. As those of
+  /// CVolumeStorage, with the storage object first.
+  /// @{
   static int _ReadBytes(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _WriteBytes(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _ReadBytesAligned(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _WriteBytesAligned(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _ReadSectors(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
   static int _WriteSectors(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count);
+  /// @}
 
  private:
   int Transfer(bool write, unsigned char* buffer, long long sector, unsigned int count) const;
