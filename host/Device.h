@@ -36,7 +36,9 @@ class Device {
   virtual Access Mode() const = 0;
 };
 
-/// An image file or block device, or a part of one.
+/// An image file or block device, or a part of one. A failed transfer is reported as the system gives it
+/// (std::generic_category), one outside the part as IoError. A file that is opened for writing without a length becomes
+/// longer where a Write reaches behind its end: an image may have been cut off behind its last used byte.
 class ImageFile : public Device {
  public:
   struct Options {
@@ -66,14 +68,16 @@ class ImageFile : public Device {
   Access Mode() const override { return m_Access; }
 
  private:
-  ImageFile(int descriptor, std::uint64_t offset, std::uint64_t size, Access access);
+  ImageFile(int descriptor, std::uint64_t offset, std::uint64_t size, Access access, bool growing);
   int m_hFile;
   std::uint64_t m_nOffset;
   std::uint64_t m_nSize;
   Access m_Access;
+  bool m_bGrowing;  // a Write behind the end makes the file longer
 };
 
-/// An image in memory that belongs to the device.
+/// An image in memory that belongs to the device. Its size is fixed: a Write that reaches behind its end fails with
+/// IoError.
 class MemoryImage : public Device {
  public:
   explicit MemoryImage(std::vector<unsigned char> bytes) : m_Bytes(std::move(bytes)) {}
@@ -90,19 +94,21 @@ class MemoryImage : public Device {
 };
 
 /// Another device with changes that only this object knows: trying something out leaves the other device as it is.
-/// Memory grows with what is written, in pieces of 4 KiB.
+/// Memory grows with what is written, in pieces of 4 KiB. What is written behind the other device's end is kept too.
 class Overlay : public Device {
  public:
+  /// @param base  not null
   explicit Overlay(std::unique_ptr<Device> base) : m_pBase(std::move(base)) {}
 
   std::error_code Read(std::uint64_t position, void* buffer, std::size_t size) override;
   std::error_code Write(std::uint64_t position, const void* buffer, std::size_t size) override;
   std::error_code Flush() override;
-  std::uint64_t Size() const override { return m_pBase->Size(); }
+  std::uint64_t Size() const override;
   Access Mode() const override { return Access::ReadWrite; }
 
  private:
   std::unique_ptr<Device> m_pBase;
+  std::uint64_t m_nEnd = 0;                                      // of what was written
   std::map<std::uint64_t, std::vector<unsigned char>> m_Pieces;  // by position / 4096
 };
 

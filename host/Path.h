@@ -1,8 +1,7 @@
 /// @file Path.h
 /// A path on a volume: the components from the root, in UTF-16 units. Made from UTF-8 with '/' or from UTF-16 with '/'
-/// or
-/// '\' between components; empty components and "." are dropped, ".." takes one away (never above the root). The empty
-/// path is the root.
+/// or '\' between components; empty components and "." are dropped, ".." takes one away (never above the root). The
+/// empty path is the root.
 
 #ifndef FATLIB_PATH_H
 #define FATLIB_PATH_H
@@ -33,11 +32,13 @@ class Path {
   const std::u16string& Name() const;
   /// The path without its last component; the root for the root.
   Path Parent() const;
+  /// The path with one component more, which is taken as it is: a separator in it is part of the name.
   Path operator/(std::u16string_view name) const;
   /// Components joined by '/', with one in front: "/" for the root.
   std::string ToUtf8() const;
   /// Whether this path is `other` or lies below it, by the names' comparison of the volume.
   bool IsAtOrBelow(const Path& other) const;
+  /// Whether both name the same place, by the same comparison.
   bool operator==(const Path& other) const;
 
   /// Whether an entry of this path can be created: every component is a name that FAT can hold and that the library

@@ -37,7 +37,8 @@ enum class Zone { Local, Utc };
 /// can be
 ///        stored. The modification time is rounded down to two seconds, the creation time to 10 ms.
 Stamp ToStamp(std::time_t seconds, long nanoseconds, Zone zone);
-/// @param seconds, nanoseconds  out: 0 when the stamp is none or no date (month 13, day 0, ...)
+/// @param seconds, nanoseconds  out: 0 when the stamp is none or no date (month 13, day 0, ...). Where std::time_t has
+///        32 bits, times from 2038 on are the last one that it can hold.
 /// @return whether it is a date
 bool FromStamp(const Stamp& stamp, Zone zone, std::time_t* seconds, long* nanoseconds);
 /// ISO 8601 without a zone, "2026-03-14T15:09:26" (with .25 where hundredths are stored); a date alone when `dateOnly`;
