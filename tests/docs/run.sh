@@ -72,6 +72,7 @@ look_up_command() { # LINE WHERE
     git) [[ ${words[1]} == clone ]] || report "$2: $1: not looked at by any test" ;;
     scripts/* | .ci/*) bash -n "$root/${words[0]}" || report "$2: $1" ;;
     build/*/tests/fatlib_tests) ;; # made by `make test`
+    g++) compile_host "$@" ;;
     *) report "$2: $1: not looked at by any test" ;;
   esac
 }
@@ -83,6 +84,19 @@ compile() { # FILE WHERE
 
 install_fatlib() { # once, in installed
   [ -d "$CTEST_WORK/installed" ] || env -u DESTDIR "$CMAKE" --install "$build" --prefix "$CTEST_WORK/installed" >/dev/null
+}
+
+# The command line that compiles the first program of the document.
+compile_host() { # LINE WHERE
+  install_fatlib
+  mkdir -p host
+  cp "$(find "$folder/blocks" -name '*.cpp' | sort | head -n1)" host/list.cpp
+  (
+    cd host
+    line=${1/g++/$CXX}
+    PKG_CONFIG_PATH=$CTEST_WORK/installed/lib/pkgconfig bash -euo pipefail -c "${line/-m32/$HOST_FLAGS}"
+  ) || report "$2: $1"
+  rm -rf host
 }
 
 configure_host() { # FILE WHERE

@@ -1,8 +1,9 @@
-# Compiles every ```cpp block of the README as a file of its own, with the warnings on and fatal, and runs them: the first
-# is a program that lists a directory, the other two are parts of a host that volume_in_image.cpp makes of them.
-#   check.sh README INCLUDE_DIRECTORY LIBRARY_DIRECTORY
+# Compiles every ```cpp block of the README and of the page for hosts as a file of its own, with the warnings on and fatal, and
+# runs them: the first is a program that lists a directory, the other two are parts of a host that volume_in_image.cpp makes of
+# them.
+#   check.sh README PAGE_FOR_HOSTS INCLUDE_DIRECTORY LIBRARY_DIRECTORY
 set -euo pipefail
-readme=$1 include=$2 library=$3
+readme=$1 page=$2 include=$3 library=$4
 here=$(cd "$(dirname "$0")" && pwd)
 export MTOOLS_SKIP_CHECK=1 LC_ALL=C.UTF-8
 
@@ -15,8 +16,8 @@ rm -rf "$CTEST_WORK"
 mkdir -p "$CTEST_WORK"
 cd "$CTEST_WORK"
 
-awk '/^```cpp$/ { inside = 1; ++n; next } /^```$/ { inside = 0 } inside { print > ("block" n ".cpp") }' "$readme"
-[ "$(ls)" = $'block1.cpp\nblock2.cpp\nblock3.cpp' ] || fail "expected three cpp blocks in $readme, found: $(ls)"
+awk '/^```cpp$/ { inside = 1; ++n; next } /^```$/ { inside = 0 } inside { print > ("block" n ".cpp") }' "$readme" "$page"
+[ "$(ls)" = $'block1.cpp\nblock2.cpp\nblock3.cpp' ] || fail "expected three cpp blocks in $readme and $page, found: $(ls)"
 # shellcheck disable=SC2086  # a list of options
 compile() {
   "$CXX" -std=c++17 -Wall -Wextra -Werror $HOST_FLAGS -I "$include" -I . "$@" -L "$library" -Wl,-rpath,"$library"
@@ -51,4 +52,4 @@ cmp NOTES.TXT notes.out || fail "the file read through the storage back-end diff
 cmp -n 1048576 disk.img /dev/zero || fail "the storage back-end wrote before its volume"
 tail -c +1048577 disk.img >volume-after.img
 fsck.fat -n volume-after.img || fail "the volume is damaged after unmounting"
-echo "all three programs of the README compiled and did what they say"
+echo "all three programs compiled and did what they say"

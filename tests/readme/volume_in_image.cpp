@@ -1,6 +1,7 @@
 /// @file volume_in_image.cpp
-/// Runs the README's second and third program, ReadWholeFile and CVolumeInImage, which the test has extracted into the
-/// two files included here: reads a file of a volume that begins at an offset of an image, and writes it to the output.
+/// Runs the README's second program, ReadWholeFile, and that of the page for hosts, CVolumeInImage, which the test has
+/// extracted into the two files included here: reads a file of a volume that begins at an offset of an image, and
+/// writes it to the output.
 ///   volume_in_image IMAGE FIRST_BYTE PATH
 
 #include <cstdio>
