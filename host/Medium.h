@@ -9,7 +9,9 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -22,9 +24,9 @@ enum class FatType { Fat12 = 12, Fat16 = 16, Fat32 = 32 };
 
 /// What a boot sector says, checked.
 struct Geometry {
-  FatType type = FatType::Fat12;  ///< as the library sees it: up to 4086 clusters FAT12, up to 65525 FAT16, else FAT32
-                                  ///< (see `ambiguous`)
-  bool ambiguous = false;         ///< 4085 or 4086 clusters: others take the volume for FAT16
+  FatType type = FatType::Fat12;  ///< as the library sees it: FAT32 when the 16-bit FAT size is 0, else FAT12 up to
+                                  ///< 4086 clusters, else FAT16
+  bool ambiguous = false;  ///< 4085 or 4086 clusters: others take the volume for FAT16
   std::uint32_t bytesPerSector = 0;
   std::uint32_t sectorsPerCluster = 0;
   std::uint32_t bytesPerCluster = 0;
@@ -40,8 +42,9 @@ struct Geometry {
   std::uint32_t clusters = 0;         ///< their numbers are 2 .. clusters + 1
   std::uint8_t media = 0;
   std::uint32_t volumeId = 0;
-  std::string oemName;    ///< 8 bytes as stored
-  std::string bootLabel;  ///< the label of the boot sector without trailing spaces; empty if "NO NAME" or none
+  std::string oemName;  ///< 8 bytes as stored
+  std::string
+      bootLabel;  ///< the label of the boot sector as stored, without trailing spaces; empty if "NO NAME" or none
 
   bool IsCluster(std::uint32_t cluster) const { return cluster >= 2 && cluster - 2 < clusters; }
   std::uint64_t ClusterPosition(std::uint32_t cluster) const {  ///< bytes
@@ -74,12 +77,15 @@ struct RawEntry {
   std::uint32_t firstCluster = 0;
   Times times;
   std::uint32_t firstSlot = 0;  ///< of its first long-name entry, or of the short entry
-  std::uint32_t slots = 1;
+  std::uint32_t slots = 1;      ///< up to and with the short entry
 
-  bool IsDirectory() const { return (attributes & DIRECTORY) != 0; }
-  bool IsLabel() const { return (attributes & (LABEL | DIRECTORY)) == LABEL; }
-  bool IsDot() const { return shortName[0] == '.'; }  ///< "." or ".."
-  /// The short name as BASE.EXT; bytes over 0x7F by code page 437.
+  /// The label bit makes an entry a label, whatever other bits it has.
+  bool IsLabel() const { return (attributes & LABEL) != 0; }
+  bool IsDirectory() const { return (attributes & (LABEL | DIRECTORY)) == DIRECTORY; }
+  bool IsDot() const;  ///< "." or ".."
+  /// Of its short entry; the last of its slots.
+  std::uint32_t ShortSlot() const { return firstSlot + slots - 1; }
+  /// The short name as BASE.EXT; bytes over 0x7F by code page 437. A zero byte ends the part that it is in.
   std::u16string ShortNameText() const;
 };
 
@@ -92,12 +98,14 @@ struct Extent {
 /// Something wrong inside a directory, in the terms of slots.
 struct SlotDefect {
   enum Kind {
-    OrphanLongName,
-    BadLongNameChecksum,
-    BadLongNameOrder,
-    BadLongNameUnits,
-    BadShortName,
-    BadAttributes
+    OrphanLongName,       ///< a long-name entry, or the first of several, that belongs to no short entry
+    BadLongNameChecksum,  ///< the first entry of a long name with the checksum of another short name, or an entry with
+                          ///< another checksum than those before it
+    BadLongNameOrder,  ///< an ordinal that is not the next one, or is none; a deleted slot among the entries of a name
+    BadLongNameUnits,  ///< the first entry of a long name that is empty or longer than 255 units, holds units that no
+                       ///< name can have, or has anything but FFFF behind its end
+    BadShortName,      ///< bytes that no short name can have
+    BadAttributes,     ///< bits that have no meaning, or that exclude each other
   } kind;
   std::uint32_t slot;
 };
@@ -110,35 +118,48 @@ class Medium {
   static constexpr DirectoryPlace ROOT = 0;
   static constexpr std::uint32_t MAX_DIRECTORY_SLOTS = 0x10000;
 
+  Medium();
+  Medium(Medium&&) noexcept;
+  Medium& operator=(Medium&&) noexcept;
+  ~Medium();
+
+  /// To be called before any other function. A device may be shorter than the boot sector says: the rest reads as
+  /// zeros.
   /// @param device  must live as long as the object
   /// @return NotAVolume when the boot sector is that of no FAT volume, or of one that the library refuses
   [[nodiscard]] std::error_code Open(Device* device);
-  const Geometry& Layout() const { return m_Geometry; }
-  Device* Base() const { return m_pDevice; }
+  const Geometry& Layout() const;
+  Device* Base() const;
 
-  // ---- the FAT. Its first copy is read in blocks on demand, and kept until Forget.
+  // ---- the FAT. Its first copy is read in blocks on demand; the last 64 MiB of them are kept until Forget.
 
-  /// @param next  out: the entry as stored, 12, 16 or 28 bits wide
+  /// @param cluster  0 to clusters + 1: InvalidParameter beyond
+  /// @param next     out: the entry as stored, 12, 16 or 28 bits wide
   [[nodiscard]] std::error_code FatEntry(std::uint32_t cluster, std::uint32_t* next);
   bool IsEndOfChain(std::uint32_t entry) const;  ///< F8 and above, in the type's width
   bool IsBadCluster(std::uint32_t entry) const;  ///< F7
-  /// Follows a chain. @param extents  out: what was reached before the end or the defect
+  /// Follows a chain.
+  /// @param first    0: there is no chain, and no extent
+  /// @param extents  out: replaced by what was reached before the end or the defect, each cluster once
   /// @return DiskCorrupt when the chain leads to itself, or to a free, bad, reserved or missing cluster
   [[nodiscard]] std::error_code Chain(std::uint32_t first, std::vector<Extent>* extents);
-  /// Counts entries that are 0. Reads the whole FAT once, then answers from memory until Forget or a change of the FAT.
+  /// Counts entries that are 0. Reads the whole FAT once, then answers from memory until Forget.
   [[nodiscard]] std::error_code CountFree(std::uint32_t* clusters);
-  /// Changes one entry in every copy of the FAT.
+  /// Changes one entry in every copy of the FAT. The top four bits of a FAT32 entry become 0, as when the library
+  /// writes one.
+  /// @return DiskCorrupt when the FAT is too short to have that entry
   [[nodiscard]] std::error_code SetFatEntry(std::uint32_t cluster, std::uint32_t value);
 
   // ---- directories
 
   /// The entries in slot order, without those that are deleted or only parts of a long name; "." and ".." and labels
   /// included. Ends at the first slot that was never used. What a long name's malformation leaves is its short entry.
+  /// A long name may have up to 260 units, as the library takes it; an empty one counts as none.
   /// @param entries  out: replaced. After a failure: what was read
   /// @param defects  out, unless null: replaced
   /// @param slots    out, unless null: how many slots the directory has, and whether each is in use (0 deleted or never
-  /// used,
-  ///                 1 in use)
+  ///                 used, 1 in use)
+  /// @return DiskCorrupt when its chain is broken; IoError or what the device returns
   [[nodiscard]] std::error_code ReadDirectory(DirectoryPlace place, std::vector<RawEntry>* entries,
                                               std::vector<SlotDefect>* defects = nullptr,
                                               std::vector<bool>* slots = nullptr);
@@ -146,22 +167,27 @@ class Medium {
   [[nodiscard]] std::error_code SlotPosition(DirectoryPlace place, std::uint32_t slot, std::uint64_t* position);
 
   /// Reads bytes of a file's chain. The entry's size is the limit.
-  /// @param done  out: bytes read; fewer than asked for at the end of the file
+  /// @param done  out: bytes read; fewer than asked for at the end of the file, or after a failure
+  /// @return DiskCorrupt where the chain ends before the size does
   [[nodiscard]] std::error_code ReadFile(const RawEntry& entry, std::uint64_t offset, void* buffer, std::size_t size,
                                          std::size_t* done);
 
   // ---- changes that the library's functions do not offer
 
-  /// Stores times in a short entry.
+  /// Stores times in a short entry. @return NotFound when it is not in its slot any more
   [[nodiscard]] std::error_code SetTimes(DirectoryPlace place, const RawEntry& entry, const Times& times);
-  /// Appends zeroed clusters to a directory's chain, in all copies of the FAT, data before links. DiskFull when there
-  /// are too few.
+  /// Appends zeroed clusters to a directory's chain, in all copies of the FAT, data before links.
+  /// @return DiskFull, with nothing changed, when there are too few, for a fixed root, and when the directory would
+  /// have
+  ///         more than MAX_DIRECTORY_SLOTS
   [[nodiscard]] std::error_code GrowDirectory(DirectoryPlace place, std::uint32_t clusters);
-  /// Makes ".." of a directory name `parent` (0 for the root).
+  /// Makes ".." of a directory name `parent` (0 for the root). @return DiskCorrupt when its second slot is not ".."
   [[nodiscard]] std::error_code SetDotDot(DirectoryPlace place, std::uint32_t parent);
   /// Sets the label in the root directory and in the boot sectors; an empty one removes it. At most 11 characters of
-  /// code page 437, upper case. InvalidName otherwise.
-  [[nodiscard]] std::error_code SetLabel(std::u16string_view label);
+  /// code page 437, made upper case. InvalidName otherwise.
+  /// @param modified  stored in the root's entry, unless it is none
+  /// @return DiskFull when a fixed root has no slot left for it
+  [[nodiscard]] std::error_code SetLabel(std::u16string_view label, const Stamp& modified = {});
   /// @param label  out: of the root's label entry, else of the boot sector; empty when there is none
   [[nodiscard]] std::error_code Label(std::u16string* label);
   /// Writes the true count of free clusters into the FSInfo sector of a FAT32 volume that has a valid one.
@@ -171,9 +197,15 @@ class Medium {
   void Forget();
 
  private:
-  // (left to the implementation)
-  Device* m_pDevice = nullptr;
-  Geometry m_Geometry;
+  using ShortName11 = std::array<std::uint8_t, 11>;
+
+  std::error_code SetRootLabel(const ShortName11& name, const Stamp& modified);
+  std::error_code AddRootLabel(const ShortName11& name, const Stamp& modified, const std::vector<bool>& used);
+  std::error_code DeleteRootLabels(std::size_t kept);
+  std::error_code SetBootLabel(std::uint32_t sector, const ShortName11& name);
+
+  struct State;  // of host/MediumState.h
+  std::unique_ptr<State> m_pState;
 };
 
 }  // namespace fatlib
