@@ -9,6 +9,8 @@
 #
 # A program is installed when its directory says so:
 #     set_property(GLOBAL APPEND PROPERTY FATLIB_PROGRAMS fatimg)
+# and, if it needs a library that is not fatlib's or the system's, also what Debian calls that:
+#     set_property(GLOBAL APPEND PROPERTY FATLIB_PROGRAM_PACKAGES "libexample1 (>= 1.2)")
 # With it go docs/man/fatimg.1 and, of tools/fatimg/completions, fatimg.bash, _fatimg (zsh) and fatimg.fish, as far as they
 # are there.
 

@@ -132,7 +132,11 @@ if(fatlib_programs)
   fatlib_deb_package(tools fatlib-tools)
   set(CPACK_DEBIAN_DEB_TOOLS_PACKAGE_NAME fatlib-tools)
   set(CPACK_DEBIAN_DEB_TOOLS_PACKAGE_SECTION utils)
-  set(CPACK_DEBIAN_DEB_TOOLS_PACKAGE_DEPENDS "${fatlib_deb_library} ${fatlib_deb_same}, ${fatlib_deb_system}")
+  get_property(fatlib_deb_others GLOBAL PROPERTY FATLIB_PROGRAM_PACKAGES)
+  list(JOIN fatlib_deb_others ", " fatlib_deb_others)
+  string(REGEX REPLACE "(.+)" ", \\1" fatlib_deb_others "${fatlib_deb_others}")
+  set(CPACK_DEBIAN_DEB_TOOLS_PACKAGE_DEPENDS
+      "${fatlib_deb_library} ${fatlib_deb_same}, ${fatlib_deb_system}${fatlib_deb_others}")
   list(JOIN fatlib_programs ", " fatlib_program_names)
   set(CPACK_COMPONENT_DEB_TOOLS_DESCRIPTION
 "FAT12, FAT16 and FAT32 volumes in image files - command line

@@ -81,6 +81,14 @@ case $(newest GLIBCXX "${programs[@]}") in # as libstdc++ numbers them
   *) fail "the package of GLIBCXX_$(newest GLIBCXX "${programs[@]}") has to be added here" ;;
 esac
 stated libgcc-s1 3.0
+# Any other library is in a package that fatlib-tools asks for.
+for soname in $(readelf --dynamic --wide "$libdir/libfatlib.so.0" "${programs[@]}" | sed -nE 's/.*\(NEEDED\).*\[(.*)\]/\1/p' | sort -u); do
+  case $soname in
+    libfatlib.so.0 | libc.so.6 | libm.so.6 | libstdc++.so.6 | libgcc_s.so.1 | ld-linux* | lib[au]*san.so.*) continue ;;
+  esac
+  package=$(sed -E 's/\.so\./-/; s/([^0-9])-([0-9])/\1\2/' <<<"$soname") # libexample.so.1 is in libexample1
+  [[ "$(field "${debs[-1]}" Depends), " == *" $package"[\ ,]* ]] || fail "no package asks for $package, which has $soname"
+done
 
 echo "== hosts and programs"
 make_volume
