@@ -16,8 +16,11 @@
 
 include(CMakePackageConfigHelpers)
 
-# Where the architecture's libraries are, below the prefix. Debian's packages have a directory of their own for each one.
-set(CMAKE_INSTALL_LIBDIR lib CACHE PATH "Directory of libraries below the prefix")
+# One prefix holds one architecture, so that its libraries are in lib unless somebody wants them elsewhere. A parent project has
+# directories of its own.
+if(PROJECT_IS_TOP_LEVEL)
+  set(CMAKE_INSTALL_LIBDIR lib CACHE PATH "Directory of libraries below the prefix")
+endif()
 include(GNUInstallDirs)
 set(FATLIB_ZSH_COMPLETIONS ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 
