@@ -59,7 +59,7 @@ run_console() {
 
 look_up_command() { # LINE WHERE
   local words name
-  read -ra words <<<"${1%%  #*}"
+  mapfile -t words < <(xargs -n1 printf '%s\n' <<<"${1%% #*}") # quoted words are taken for one, as a shell does
   case ${words[0]} in
     make) make -n -C "$root" "${words[@]:1}" >make.log 2>&1 || report "$2: $1: $(cat make.log)" ;;
     cmake | ctest)
@@ -72,6 +72,9 @@ look_up_command() { # LINE WHERE
     git) [[ ${words[1]} == clone ]] || report "$2: $1: not looked at by any test" ;;
     scripts/* | .ci/*) bash -n "$root/${words[0]}" || report "$2: $1" ;;
     build/*/tests/fatlib_tests) ;; # made by `make test`
+    build/*/fuzz/fuzz_*)           # made by `make fuzz`
+      [ -e "$root/fuzz/${words[0]##*/}.cpp" ] || report "$2: $1: there is no such target"
+      ;;
     g++) compile_host "$@" ;;
     *) report "$2: $1: not looked at by any test" ;;
   esac
@@ -178,6 +181,9 @@ for document; do
     blocks=$((blocks + 1))
   done
   cd "$CTEST_WORK"
+  awk '/^```/ { code = !code } !code && blank && /^    [^ ]/ { print FILENAME ":" NR ": " $0 } { blank = $0 == "" }' \
+    "$document" >indented
+  [ ! -s indented ] || report "indented as code, which nothing runs: $(cat indented)"
   check_links "$document"
   check_make_targets "$document"
 done
