@@ -71,6 +71,7 @@ CFatTable::CFatTable()
       m_pWriteDelayBlks(),
       m_nEntries(0),
       m_pBlockMem(nullptr),
+      m_pRetiredMem(nullptr),
       m_pBlks(nullptr),
       m_ppFreeBlks(nullptr),
       m_nFreeBlks(0),
@@ -118,12 +119,34 @@ int CFatTable::Create(FAT_IDX_BITS bits, unsigned int sectorShift, unsigned int 
 }
 
 int CFatTable::Destory() {
+  const int status = Retire();
+  FreeRetiredMemory();
+  return status;
+}
+
+int CFatTable::Retire() {
   const int status = FlushWriteDelay();
   m_Cache.Destory();
+  FreeRetiredMemory();
+  m_pRetiredMem = m_pBlockMem;
+  m_pBlockMem = nullptr;
   FreeBlocks();
   m_Bitmap.FreeMem();
   m_nWriteDelay = 0;
   return status;
+}
+
+unsigned char* CFatTable::RetiredMemory(std::size_t bytes) {
+  if (bytes > BLOCK_BYTES) return osMemResizeBlocks(bytes, m_pRetiredMem);
+  // So little is as soon had anew.
+  FreeRetiredMemory();
+  m_pRetiredMem = osMemAlloc(static_cast<unsigned int>(bytes));
+  return static_cast<unsigned char*>(m_pRetiredMem);
+}
+
+void CFatTable::FreeRetiredMemory() {
+  osMemFree(m_pRetiredMem);
+  m_pRetiredMem = nullptr;
 }
 
 void CFatTable::Abandon() {

@@ -98,6 +98,13 @@ class CFatTable {
  protected:
   CFatTable();
 
+  /// Destory, but the memory that the blocks were in stays, for RetiredMemory.
+  int Retire();
+  /// Memory of that size in one piece: that of a retired table, whose pages are there already, as far as it goes.
+  /// @return valid until FreeRetiredMemory, which is to be called in any case; null when it cannot be had
+  unsigned char* RetiredMemory(std::size_t bytes);
+  void FreeRetiredMemory();
+
  private:
   using READ_FUNCTION = int (*)(CFatTable*, unsigned int, unsigned int&);
   using WRITE_FUNCTION = int (*)(CFatTable*, unsigned int, unsigned int);
@@ -131,6 +138,7 @@ class CFatTable {
   CFatBitmap m_Bitmap;
   unsigned int m_nEntries;   // clusters + 2
   void* m_pBlockMem;         // the data of all blocks; they take memory when they are first used
+  void* m_pRetiredMem;       // what that was, of a retired table; or null
   CACHE_BLK* m_pBlks;        // one more than the cache holds: a block is read before its victim is written back
   CACHE_BLK** m_ppFreeBlks;  // stack of those that are not cached
   unsigned int m_nFreeBlks;

@@ -32,6 +32,6 @@ void CRawSlots::EndLoan(BLOCK_LOAN& loan) {
     m_bLost = true;
     return;
   }
-  osMemCpy(m_Blocks[i].pCopy, m_Blocks[i].pBytes, bytes);
+  osMemCpyLarge(m_Blocks[i].pCopy, m_Blocks[i].pBytes, bytes);
   m_Blocks[i].pBytes = m_Blocks[i].pCopy;
 }

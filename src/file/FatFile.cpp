@@ -29,7 +29,7 @@ int CFatFile::Build(CFatVolume* volume, DENTCTX* context) {
   m_DirEnt = context->ShortEntry;
   if (context->nLongCount != 0) {
     m_nNameChars = context->NameChars() < MAX_LONG_NAME ? context->NameChars() : MAX_LONG_NAME;
-    osMemCpy(m_szName, context->NamePtr(), m_nNameChars * static_cast<unsigned int>(sizeof(unsigned short)));
+    osCopyUnits(m_szName, context->NamePtr(), m_nNameChars);
   }
   m_nFstClust = m_DirEnt.GetStartClustNo();
   m_BlkCache.Create(this);

@@ -299,11 +299,11 @@ void CFileBlkCache<OWNER>::CopyBlockBytes(FILE_BLOCK* block, unsigned int off, u
   if (n == 0) return;  // the buffer may be null then
   if (WRITE) {
     block->ExtendValid(off);
-    osMemCpy(block->Data + off, buf, n);
+    osMemCpyLarge(block->Data + off, buf, n);
     if (block->nValid < off + n) block->nValid = off + n;
   } else {
     block->ExtendValid(off + n);
-    osMemCpy(buf, block->Data + off, n);
+    osMemCpyLarge(buf, block->Data + off, n);
   }
 }
 
@@ -325,7 +325,7 @@ int CFileBlkCache<OWNER>::WholeBlocks(unsigned int fstBlk, unsigned int endBlk, 
     FILE_BLOCK* block;
     int status = s_pFileBlkPool->GetBlock(block);
     if (status < 0) return status;
-    osMemCpy(block->Data, buf, BLOCK_BYTES);
+    osMemCpyLarge(block->Data, buf, BLOCK_BYTES);
     block->nValid = BLOCK_BYTES;
     block->bDirty = dirty;
     status = AddNewBlock(blk, block);
@@ -342,7 +342,7 @@ int CFileBlkCache<OWNER>::ReadWhole(long long pos, unsigned int len, unsigned ch
   unsigned char* bounce = static_cast<unsigned char*>(osMemAlloc(len));
   if (bounce == nullptr) return STATUS_NO_MEMORY;
   const int status = m_pFile->ReadFromStorage(pos, len, bounce);
-  if (status >= 0) osMemCpy(buf, bounce, len);
+  if (status >= 0) osMemCpyLarge(buf, bounce, len);
   osMemFree(bounce);
   return status;
 }

@@ -82,7 +82,7 @@ void CFatFileSystem::FillFindData(const DENTCTX* entry, WIN_FIND_DATA* data) {
 void CFatFileSystem::FillFindName(unsigned int chars, const unsigned short* name, const unsigned char* shortName,
                                   WIN_FIND_DATA* data) {
   if (chars > FILE_NAME_UNITS) chars = FILE_NAME_UNITS;
-  if (chars != 0) osMemCpy(data->cFileName, name, chars * static_cast<unsigned int>(sizeof(unsigned short)));
+  if (chars != 0) osCopyUnits(data->cFileName, name, chars);
   if (chars < FILE_NAME_UNITS) data->cFileName[chars] = 0;
 
   // Base name, dot, extension, each without its trailing spaces. A space holds the place of the dot until it is known

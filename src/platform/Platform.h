@@ -10,6 +10,15 @@
 
 #include "platform/stdafx.h"
 
+/// 1 in builds in which every access to memory is checked: what would go unseen is done in another way there.
+#if defined(__SANITIZE_ADDRESS__)
+#define FATLIB_CHECKED_MEMORY 1
+#elif defined(__has_feature)
+#define FATLIB_CHECKED_MEMORY __has_feature(address_sanitizer)
+#else
+#define FATLIB_CHECKED_MEMORY 0
+#endif
+
 /// @return memory of `size` bytes (malloc), or null. Freed with osMemFree.
 [[nodiscard]] void* osMemAlloc(unsigned int size);
 /// The same for `count` objects of `size` bytes: null also when the product does not fit the argument of osMemAlloc.
@@ -23,6 +32,10 @@
 /// @param memory  out: what osMemFree takes
 /// @return the aligned memory, or null
 [[nodiscard]] unsigned char* osMemAllocBlocks(std::size_t size, void*& memory);
+/// Makes such memory larger or smaller, or takes some that is not zeroed when `memory` is null. What was touched of it
+/// costs no page fault again; its contents are lost.
+/// @return as above; null leaves `memory` as it was
+[[nodiscard]] unsigned char* osMemResizeBlocks(std::size_t size, void*& memory);
 /// Frees a block of any of the functions above; null is allowed.
 void osMemFree(void* memory);
 
@@ -31,11 +44,18 @@ inline void* osMemSet(void* dst, unsigned int value, unsigned int count) {
 }
 /// The ranges must not overlap.
 inline void* osMemCpy(void* dst, const void* src, unsigned int count) { return std::memcpy(dst, src, count); }
+/// The same for data blocks and other copies that may be large.
+void osMemCpyLarge(void* dst, const void* src, unsigned int count);
 inline void* osMemZero(void* dst, unsigned int count) { return osMemSet(dst, 0, count); }
 /// @return true when the ranges hold the same bytes.
 inline bool osMemEqual(const void* a, const void* b, unsigned int count) { return std::memcmp(a, b, count) == 0; }
 /// Overlap is allowed.
 inline void* osMemMove(void* dst, const void* src, unsigned int count) { return std::memmove(dst, src, count); }
+/// Copies code units. Not by osMemCpy: where a compiler knows that they are few it puts in an instruction that takes
+/// longer to start than a name takes to copy.
+inline void osCopyUnits(unsigned short* dst, const unsigned short* src, unsigned int units) {
+  osMemMove(dst, src, units * static_cast<unsigned int>(sizeof(unsigned short)));
+}
 
 /// Takes the whole locale from the environment. @return its name, or null when the environment names an unknown one
 /// (the locale then stays as it was).

@@ -120,7 +120,9 @@ void CFatVolume::ReleaseRoot(bool writeBack) {
 
 int CFatVolume::Unmount() {
   ReleaseRoot(true);
-  return Destory();
+  const int status = Retire();
+  if (status < 0) FreeRetiredMemory();
+  return status;
 }
 
 void CFatVolume::Abandon() {
@@ -129,17 +131,17 @@ void CFatVolume::Abandon() {
 }
 
 void CFatVolume::BackupFirstFat() {
-  if (m_nSectorsPerFat == 0) return;
   // No volume has use for a FAT of more than 1 GiB and a sector. Where a boot sector claims one, most of it is not
   // there.
-  if (m_nSectorsPerFat > (1u << 30) / m_nBytesPerSector + 1) return;
-  unsigned char* fat = static_cast<unsigned char*>(osMemAllocArray(m_nSectorsPerFat, m_nBytesPerSector));
-  if (fat == nullptr) return;
-  if (ReadSectors(fat, m_nFatStartSector, m_nSectorsPerFat) >= 0) {
-    const long long second = static_cast<long long>(m_nFatStartSector) + m_nSectorsPerFat;
-    (void)WriteSectors(fat, second, m_nSectorsPerFat);  // the first FAT is right all the same
-  }
-  osMemFree(fat);
+  if (m_nSectorsPerFat != 0 && m_nSectorsPerFat <= (1u << 30) / m_nBytesPerSector + 1) CopyFirstFat();
+  FreeRetiredMemory();
+}
+
+void CFatVolume::CopyFirstFat() {
+  unsigned char* fat = RetiredMemory(static_cast<std::size_t>(m_nSectorsPerFat) * m_nBytesPerSector);
+  if (fat == nullptr || ReadSectors(fat, m_nFatStartSector, m_nSectorsPerFat) < 0) return;
+  const long long second = static_cast<long long>(m_nFatStartSector) + m_nSectorsPerFat;
+  (void)WriteSectors(fat, second, m_nSectorsPerFat);  // the first FAT is right all the same
 }
 
 int CFatVolume::ResetFat32FsInfo() {

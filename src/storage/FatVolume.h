@@ -35,7 +35,8 @@ class CFatVolume : public CFatTable {
   /// @return negative: STATUS_UNRECOGNIZED_VOLUME for a geometry that no FAT can have, STATUS_NO_MEMORY,
   ///         STATUS_DISK_CORRUPT without a root directory, or the status of a failed read. Everything is released then.
   [[nodiscard]] int Mount(CVolumeStorage* storage);
-  /// Releases the root directory (its unsaved data is written), writes the FAT and frees it.
+  /// Releases the root directory (its unsaved data is written), writes the FAT and frees it, but for memory that
+  /// BackupFirstFat uses and frees.
   /// @return the status of the last FAT flush; whatever it is, the volume is no longer usable
   [[nodiscard]] int Unmount();
   /// The same without a single transfer: unsaved changes are lost.
@@ -118,6 +119,7 @@ class CFatVolume : public CFatTable {
   int CheckGeometry(const FAT_MPB& mpb) const;
   int OpenRootDir(unsigned int rootCluster, unsigned int rootBytes);
   void ReleaseRoot(bool writeBack);
+  void CopyFirstFat();
 
   CVolumeStorage* m_pStorage;  // not owned
   CFatDir* m_pRoot;            // a counted reference from mount to unmount

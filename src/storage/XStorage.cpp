@@ -204,14 +204,14 @@ int CFatMemory::_ReadBytes(CVolumeStorage* storage, unsigned char* buffer, long 
     if (bytes < n) n = bytes < BOOT_BYTES ? BOOT_BYTES : static_cast<unsigned int>(bytes);
     std::memset(buffer + n, 0, count - n);
   }
-  if (n != 0) osMemCpy(buffer, from, n);
+  if (n != 0) osMemCpyLarge(buffer, from, n);
   return STATUS_SUCCESS;
 }
 
 int CFatMemory::_WriteBytes(CVolumeStorage* storage, unsigned char* buffer, long long position, unsigned int count) {
   unsigned char* to = static_cast<CFatMemory*>(storage)->ImageAt(position, count);
   if (to == nullptr) return STATUS_IO_ERROR;
-  if (count != 0) osMemCpy(to, buffer, count);
+  if (count != 0) osMemCpyLarge(to, buffer, count);
   return STATUS_SUCCESS;
 }
 

@@ -69,6 +69,7 @@ class CLargeBlocks {
   static void Install() {
     s_Saved = g_OsServices;
     g_OsServices.pfnCalloc = &Calloc;
+    g_OsServices.pfnRealloc = &Realloc;
     g_OsServices.pfnFree = &Free;
   }
   static void Remove() { g_OsServices = s_Saved; }
@@ -82,6 +83,15 @@ class CLargeBlocks {
     if (memory == MAP_FAILED) return nullptr;
     s_Sizes[memory] = count * size;
     return memory;
+  }
+  static void* Realloc(void* memory, std::size_t size) {
+    const auto found = s_Sizes.find(memory);
+    if (found == s_Sizes.end()) return s_Saved.pfnRealloc(memory, size);
+    void* resized = ::mremap(memory, found->second, size, MREMAP_MAYMOVE);
+    if (resized == MAP_FAILED) return nullptr;
+    s_Sizes.erase(found);
+    s_Sizes[resized] = size;
+    return resized;
   }
   static void Free(void* memory) {
     const auto found = s_Sizes.find(memory);
