@@ -5,8 +5,13 @@
 #include <new>
 
 #include "directory/FatDirectory.h"
+#include "platform/Slabs.h"
 
 namespace {
+
+// The records of all directories: they may move from one to another, and outlive their directory while a search stands
+// on them.
+CSlabPool s_Records;
 
 constexpr unsigned int NAME_BUCKETS = 41;
 constexpr unsigned int FIRST_SLOT_ROOM = 16;
@@ -110,21 +115,29 @@ int CDirEntCache::Grow(unsigned int n) {
 // ---------------------------------------------------------------------------------------------- records
 
 DENTCTX* CDirEntCache::AllocDent(unsigned int nameUnits) {
-  const unsigned int bytes = static_cast<unsigned int>(sizeof(DENTCTX) + nameUnits * sizeof(unsigned short));
-  void* memory = osMemAlloc(bytes);
+  constexpr std::size_t MAX_NAME_BYTES = (LFN_MAX_ORDINAL * LFN_UNITS + 1) * sizeof(unsigned short);
+  static_assert(sizeof(DENTCTX) + MAX_NAME_BYTES <= CSlabPool::MAX_BYTES && alignof(DENTCTX) <= CSlabPool::UNIT,
+                "a record with the longest name fits the pool");
+  unsigned short place;
+  void* memory =
+      s_Records.Allocate(static_cast<unsigned int>(sizeof(DENTCTX) + nameUnits * sizeof(unsigned short)), place);
   if (memory == nullptr) return nullptr;
-  DENTCTX* record = new (memory) DENTCTX{};
+  DENTCTX* record = new (memory) DENTCTX;  // the rest is filled in by the caller
+  record->nShortIdx = 0;
+  record->nPlace = place;
+  record->bFreed = false;
+  record->nPins = 0;
   record->m_pName = reinterpret_cast<unsigned short*>(record + 1);
   return record;
 }
 
 void CDirEntCache::FreeDent(DENTCTX* record) {
   record->bFreed = true;
-  if (record->nPins == 0) osMemFree(record);
+  if (record->nPins == 0) s_Records.Recycle(record, record->nPlace);
 }
 
 void CDirEntCache::Unpin(DENTCTX* record) {
-  if (--record->nPins == 0 && record->bFreed) osMemFree(record);
+  if (--record->nPins == 0 && record->bFreed) s_Records.Recycle(record, record->nPlace);
 }
 
 int CDirEntCache::ReserveSlots(unsigned int slot) {
@@ -149,10 +162,10 @@ int CDirEntCache::MakeRecord(const CDirEnt& entry, unsigned int count, const uns
   unsigned short* text = added->m_pName;
   *static_cast<TriHashIdx*>(added) = key;
   added->m_pName = text;
-  osMemCpy(text, name, (nameUnits - 1) * static_cast<unsigned int>(sizeof(unsigned short)));
+  osCopyUnits(text, name, nameUnits - 1);
   text[nameUnits - 1] = 0;
   added->ShortEntry = entry;
-  added->nLongCount = static_cast<unsigned short>(count);
+  added->nLongCount = static_cast<unsigned char>(count);
   record = added;
   return STATUS_SUCCESS;
 }
@@ -291,7 +304,7 @@ struct CDirEntCache::LONG_NAME_RUN {
     if (!entry.IsLast() || nCount == 0 || nCount > LFN_MAX_ORDINAL) return false;
     nRemaining = nCount - 1;
     // A piece that ends early leaves a gap, at which the name then ends.
-    osMemZero(szName, sizeof(szName));
+    osMemZero(szName, (nCount * LFN_UNITS + 1) * static_cast<unsigned int>(sizeof(unsigned short)));
     const unsigned int units = entry.NameUCharCount(szName + std::size_t{LFN_UNITS} * nRemaining);
     Checksum = entry.Checksum;
     return units + LFN_UNITS * nRemaining != 0;

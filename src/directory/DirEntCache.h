@@ -21,12 +21,14 @@ class CFatDir;
 
 /// One file or directory named in a directory. Its key is hashed from the long name, in the case it was written with,
 /// or for a short-only entry from the 11 bytes of its short name (see SHORT_NAME_KEY). The text lies behind the record.
+/// There is one for each file, so its size counts: in 32 bits 72 bytes and the text.
 struct DENTCTX : TriHashIdx, _LST_ENTRY {  // the latter: its place in its cache's list of records
   CDirEnt ShortEntry;
-  unsigned int nShortIdx;     // slot of the short entry
-  unsigned short nLongCount;  // long-name entries before it
-  unsigned char nPins;        // searches that stand on this record; it outlives its FreeDent as long as there are any
-  bool bFreed;                // FreeDent was called
+  unsigned int nShortIdx;    // slot of the short entry
+  unsigned short nPlace;     // of the record in the pool that all records come from
+  unsigned char nLongCount;  // long-name entries before it, up to LFN_MAX_ORDINAL
+  bool bFreed : 1;           // FreeDent was called
+  unsigned char nPins : 7;   // searches that stand on this record; it outlives its FreeDent as long as there are any
 
   unsigned int FirstSlot() const { return nShortIdx - nLongCount; }
 };

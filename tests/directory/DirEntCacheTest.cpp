@@ -1185,9 +1185,9 @@ TEST_F(DirEntCacheRecords, PinnedRecord_OutlivesItsFreeing) {
   EXPECT_EQ(step, next);
   CDirEntCache::Unpin(record);
   EXPECT_EQ(record->nShortIdx, 3u) << "one search is still there";
-  const std::size_t before = m_Memory.Outstanding();
+  EXPECT_NE(AddShort("OTHER      ", 4), record);
   CDirEntCache::Unpin(record);
-  EXPECT_EQ(m_Memory.Outstanding(), before - 1);
+  EXPECT_EQ(AddShort("ANOTHER    ", 5), record) << "now its memory is free";
 }
 
 TEST_F(DirEntCacheRecords, PinnedRecord_OutlivesItsCache) {
@@ -1471,6 +1471,20 @@ TEST_F(DirEntCacheRecords, MemoryRunsOutWhileADirectoryIsSetUp_FailsOrSucceedsWh
 }
 
 // The slot table and the map take memory as slots are used, not from the size of the directory.
+// Two long-name entries and the short one for each; the bytes that malloc adds are counted too.
+TEST_F(DirEntCacheRecords, NamesOf24Units_TakeAtMost160BytesEachIn32Bits) {
+  constexpr unsigned int ENTRIES = 20000;
+  constexpr std::size_t MALLOC_BYTES = 16;
+  ASSERT_EQ(m_pCache->Grow(3 * ENTRIES), STATUS_SUCCESS);
+  for (unsigned int i = 0; i < ENTRIES; ++i) {
+    const std::string number = std::to_string(100000 + i);
+    ASSERT_NE(AddLong("Twenty-four units " + number, 3 * i + 2, 2), nullptr);
+  }
+  const std::size_t bytes = m_Memory.OutstandingBytes() + m_Memory.Outstanding() * MALLOC_BYTES;
+  EXPECT_LE(bytes / ENTRIES, sizeof(void*) == 4 ? 160u : 200u);
+  EXPECT_LE(m_Memory.Outstanding(), ENTRIES / 10) << "many records share an allocation";
+}
+
 TEST_F(DirEntCacheRecords, HugeDirectoryWithFewEntries_TakesLittleMemory) {
   ASSERT_EQ(m_pCache->Grow(1u << 27), STATUS_SUCCESS);
   AddShort("FIRST      ", 0);
