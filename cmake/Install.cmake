@@ -32,12 +32,9 @@ configure_file(cmake/fatlib-config.cmake.in fatlib-config.cmake @ONLY)
 
 get_property(fatlib_programs GLOBAL PROPERTY FATLIB_PROGRAMS)
 foreach(program IN LISTS fatlib_programs)
-  get_property(fatlib_has_rpath TARGET ${program} PROPERTY INSTALL_RPATH SET)
-  if(NOT fatlib_has_rpath)
-    # The program finds the library of its own tree, wherever that is moved.
-    file(RELATIVE_PATH fatlib_bin_to_lib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
-    set_target_properties(${program} PROPERTIES INSTALL_RPATH "$ORIGIN/${fatlib_bin_to_lib}")
-  endif()
+  # The program finds the library of its own tree, wherever that is moved.
+  file(RELATIVE_PATH fatlib_bin_to_lib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+  set_target_properties(${program} PROPERTIES INSTALL_RPATH "$ORIGIN/${fatlib_bin_to_lib}")
 endforeach()
 
 # What `make install` has to build first.
