@@ -1,5 +1,5 @@
-# Installs everything into an empty prefix, moves the tree, and builds two hosts against it as a stranger would: with CMake's
-# find_package and with pkg-config. The hosts then read a volume. Each component has the files that it should have.
+# Installs everything into an empty prefix, moves the tree, and builds the hosts against it as a stranger would: with CMake's
+# find_package and with pkg-config. The hosts then work on volumes. Each component has the files that it should have.
 #   check.sh BUILD_DIRECTORY DIRECTORY_OF_THE_HOSTS PROGRAM...     the programs that are installed
 set -euo pipefail
 build=$1 hosts=$2
@@ -33,7 +33,7 @@ diff -u - <(list development) <<'LIST' || fail "the development component has ot
 ./lib/pkgconfig/fatlib.pc
 ./share/man/man3/fatlib.3
 LIST
-for header in FatLibIntf.h XStorage.h; do
+for header in FatLibIntf.h XStorage.h Volume.h; do
   [ -e "development/include/fatlib/$header" ] || fail "$header is not installed"
 done
 install_to tools --component tools
@@ -74,4 +74,4 @@ sed -i 's/nonsense/host/' absent/CMakeLists.txt
 echo "== pkg-config"
 build_with_pkg_config by-pkg-config "$prefix/lib"
 run_hosts by-pkg-config "$prefix/lib"
-echo "installed tree, both hosts, both ways: as expected"
+echo "installed tree, all hosts, both ways: as expected"

@@ -1,5 +1,5 @@
 # Makes the Debian packages, looks at what they say of themselves and hold, installs them with dpkg into an empty root, builds
-# the two hosts against what is there, runs the installed programs, and removes everything again. Needs no root: the packages
+# the hosts against what is there, runs the installed programs, and removes everything again. Needs no root: the packages
 # have no scripts.
 #   package.sh BUILD_DIRECTORY DIRECTORY_OF_THE_HOSTS ARCHITECTURE TRIPLET PROGRAM...
 set -euo pipefail
