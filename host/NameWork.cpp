@@ -69,7 +69,7 @@ std::error_code PrepareShortName(VolumeState* state, DirectoryNode* directory, c
     if (!other->named) return Status::NameExists;
     // Its own name says nothing of the short one: it gets another, by way of another name.
     const std::u16string own = other->raw.name;
-    if (const std::error_code error = ChangeName(state, other, UnusedName(*directory, *directory))) return error;
+    if (const std::error_code error = ChangeName(state, other, UnusedName(*directory, *directory, name))) return error;
     if (other->IsGone()) return Status::DiskCorrupt;
     if (const std::error_code error = ChangeName(state, other, own)) return error;
     *number = LibraryUse::Number();

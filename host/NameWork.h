@@ -45,8 +45,8 @@ struct NewEntry {
 [[nodiscard]] std::error_code ChangeName(VolumeState* state, EntryNode* entry, const std::u16string& name);
 /// Moves an entry under its name, which nothing must have there.
 [[nodiscard]] std::error_code ChangeDirectory(VolumeState* state, EntryNode* entry, DirectoryNode* target);
-/// A name that nothing has in either directory, of one slot.
-std::u16string UnusedName(const DirectoryNode& directory, const DirectoryNode& other);
+/// A name of one slot that nothing has in either directory, and that is not the one that is wanted in the end.
+std::u16string UnusedName(const DirectoryNode& directory, const DirectoryNode& other, const std::u16string& wanted);
 
 }  // namespace fatlib
 

@@ -36,7 +36,7 @@ std::error_code CheckReplacement(VolumeState* state, const EntryNode* entry, Ent
 
 }  // namespace
 
-std::u16string UnusedName(const DirectoryNode& directory, const DirectoryNode& other) {
+std::u16string UnusedName(const DirectoryNode& directory, const DirectoryNode& other, const std::u16string& wanted) {
   for (unsigned int number = 0;; ++number) {
     std::u16string name = u"~FAT";
     for (const char digit : std::to_string(number)) name += static_cast<char16_t>(digit);
@@ -46,7 +46,7 @@ std::u16string UnusedName(const DirectoryNode& directory, const DirectoryNode& o
     const auto unused = [&](const DirectoryNode& node) {
       return node.Find(name) == nullptr && !node.HasShortName(shortName);
     };
-    if (unused(directory) && unused(other)) return name;
+    if (unused(directory) && unused(other) && !SameName(name, wanted)) return name;
   }
 }
 
@@ -140,7 +140,7 @@ std::error_code RenameEntry(VolumeState* state, EntryNode* entry, DirectoryNode*
   const bool direct =
       stays ? !SameName(entry->raw.name, name) : sameName && !parent->HasShortName(entry->raw.shortName);
   if (direct) return stays ? ChangeName(state, entry, name) : ChangeDirectory(state, entry, parent);
-  if (const std::error_code error = ChangeName(state, entry, UnusedName(*entry->parent, *parent))) return error;
+  if (const std::error_code error = ChangeName(state, entry, UnusedName(*entry->parent, *parent, name))) return error;
   if (entry->IsGone() || parent->self->IsGone()) return Status::DiskCorrupt;
   if (!stays) {
     if (const std::error_code error = ChangeDirectory(state, entry, parent)) return error;
