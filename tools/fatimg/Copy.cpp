@@ -19,8 +19,8 @@ namespace {
 
 ProgressMode ModeOf(const CommonOptions& options) {
   if (options.progress == "bar") return ProgressMode::Bar;
-  if (options.progress == "plain") return ProgressMode::Plain;
-  if (options.progress == "json") return ProgressMode::Json;
+  if (options.progress == "plain") return ProgressMode::PlainLines;
+  if (options.progress == "json") return ProgressMode::JsonLines;
   const bool shown = options.progress == "auto" && !options.quiet && isatty(STDERR_FILENO) != 0;
   return shown ? ProgressMode::Bar : ProgressMode::None;
 }

@@ -17,7 +17,7 @@ namespace fatimg {
 
 /// One file or directory of the source.
 struct CopyItem {
-  std::string place;      ///< where it is, for opening it on the host and for messages
+  std::string place;                 ///< where it is, for opening it on the host and for messages
   fatlib::Volume* volume = nullptr;  ///< null for something of the host
   fatlib::Path image;                ///< where it is in the volume
   fatlib::Path relative;  ///< where it goes, below the destination; the root: it becomes the destination itself

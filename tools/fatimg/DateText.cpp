@@ -2,9 +2,6 @@
 
 #include "DateText.h"
 
-#include <cstdint>
-#include <limits>
-
 namespace fatimg {
 
 namespace {
@@ -30,21 +27,21 @@ bool TakeOneOf(std::string_view* text, std::string_view characters) {
 }
 
 bool TakeClock(std::string_view* text, std::tm* time) {
-  if (!TakeNumber(text, 2, &time->tm_hour) || !TakeOneOf(text, ":") || !TakeNumber(text, 2, &time->tm_min)) return false;
+  if (!TakeNumber(text, 2, &time->tm_hour) || !TakeOneOf(text, ":") || !TakeNumber(text, 2, &time->tm_min))
+    return false;
   if (TakeOneOf(text, ":") && !TakeNumber(text, 2, &time->tm_sec)) return false;
   return time->tm_hour < 24 && time->tm_min < 60 && time->tm_sec < 60;
 }
 
 bool ParseSeconds(std::string_view digits, std::time_t* seconds) {
-  std::int64_t value = 0;
-  if (digits.empty() || digits.size() > 11) return false;
+  *seconds = 0;
   for (const char c : digits) {
-    if (!IsDigit(c)) return false;
-    value = value * 10 + (c - '0');
+    if (!IsDigit(c) || __builtin_mul_overflow(*seconds, 10, seconds) ||
+        __builtin_add_overflow(*seconds, c - '0', seconds)) {
+      return false;
+    }
   }
-  if (value > std::numeric_limits<std::time_t>::max()) return false;
-  *seconds = static_cast<std::time_t>(value);
-  return true;
+  return !digits.empty();
 }
 
 /// @return false for a date that is none, as February 30th
@@ -77,7 +74,8 @@ bool ParseTime(std::string_view text, fatlib::Zone zone, std::timespec* time) {
   }
   std::time_t stored = 0;
   long nanoseconds = 0;
-  // A stamp holds even seconds: what comes back is the same time, unless it was outside of the years that can be stored.
+  // A stamp holds even seconds: what comes back is the same time, unless it was outside of the years that can be
+  // stored.
   if (!fatlib::FromStamp(fatlib::ToStamp(result.tv_sec, 0, zone), zone, &stored, &nanoseconds)) return false;
   if (stored / 2 != result.tv_sec / 2) return false;
   *time = result;

@@ -145,7 +145,7 @@ void ProgressBar::Show(double now) {
     m_bShown = true;
   } else {
     std::fprintf(m_pOut, "%s\n",
-                 (m_Mode == ProgressMode::Json ? ProgressJsonText(m_State) : ProgressPlainText(m_State)).c_str());
+                 (m_Mode == ProgressMode::JsonLines ? ProgressJsonText(m_State) : ProgressPlainText(m_State)).c_str());
   }
   std::fflush(m_pOut);
 }
@@ -159,7 +159,7 @@ void ProgressBar::Hide() {
 
 void ProgressBar::Finish() {
   Hide();
-  if (m_bStarted && (m_Mode == ProgressMode::Plain || m_Mode == ProgressMode::Json)) Show(m_Clock());
+  if (m_bStarted && (m_Mode == ProgressMode::PlainLines || m_Mode == ProgressMode::JsonLines)) Show(m_Clock());
   m_bStarted = false;
 }
 

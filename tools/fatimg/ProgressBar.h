@@ -16,9 +16,9 @@ namespace fatimg {
 
 enum class ProgressMode {
   None,
-  Bar,    ///< one line of a terminal, drawn again and again
-  Plain,  ///< a line for people each second
-  Json,   ///< a JSON object on a line each second
+  Bar,         ///< one line of a terminal, drawn again and again
+  PlainLines,  ///< a line for people each second
+  JsonLines,   ///< a JSON object on a line each second
 };
 
 /// How far the work is.

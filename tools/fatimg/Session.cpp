@@ -9,7 +9,6 @@
 #include <cstdlib>
 
 #include "Exit.h"
-#include "PartitionTable.h"
 
 namespace fatimg {
 
@@ -31,7 +30,7 @@ std::string ListOf(const PartitionTable& table) {
   return text.empty() ? "none" : text;
 }
 
-PartitionTable TableOf(const Operand& operand) {
+PartitionTable ReadTableOf(const Operand& operand) {
   ImageFile::Options options;
   options.access = Access::ReadOnly;
   options.lock = false;
@@ -57,7 +56,7 @@ void FindWindow(const Operand& operand, ImageFile::Options* options) {
     options->offset = operand.where.offset;
     return;
   }
-  const PartitionTable table = TableOf(operand);
+  const PartitionTable table = ReadTableOf(operand);
   const std::vector<const Partition*> found = Chosen(table, operand.where);
   if (found.empty()) {
     struct stat status {};
@@ -80,7 +79,7 @@ void FindWindow(const Operand& operand, ImageFile::Options* options) {
 std::string NotAVolumeReason(const Operand& operand) {
   const std::string reason = std::error_code(fatlib::Status::NotAVolume).message();
   if (operand.where.kind != Where::Whole) return reason;
-  const PartitionTable table = TableOf(operand);
+  const PartitionTable table = ReadTableOf(operand);
   if (table.kind == PartitionTable::None) return reason;
   return "there is a partition table; name a partition as " + operand.image + "@N, of: " + ListOf(table);
 }
@@ -143,7 +142,9 @@ Operand Session::Complete(const Operand& operand) const {
 Session::OpenVolume* Session::Find(const Operand& operand) {
   const FileId file = FileId::Of(operand.image);
   for (const auto& open : m_Volumes) {
-    if (open->operand.where == operand.where && open->file == file) return open.get();
+    // An image that a dry run only imagines is known by its name.
+    const bool same = file == FileId() ? open->operand.image == operand.image : open->file == file;
+    if (same && open->operand.where == operand.where) return open.get();
   }
   return nullptr;
 }
@@ -179,10 +180,13 @@ fatlib::Volume& Session::Open(const Operand& given, Access access) {
   const Operand operand = Complete(given);
   OpenVolume* known = Find(operand);
   if (known != nullptr && (access == Access::ReadOnly || known->access == Access::ReadWrite)) return known->volume;
+  return OpenOn(operand, access, OpenDevice(operand, access));
+}
+
+fatlib::Volume& Session::OpenOn(const Operand& operand, Access access, std::unique_ptr<Device> device) {
   auto open = std::make_unique<OpenVolume>();
   open->operand = operand;
   open->access = access;
-  std::unique_ptr<Device> device = OpenDevice(operand, access);
   open->file = FileId::Of(operand.image);
   const std::error_code error = open->volume.Open(std::move(device), OptionsOf(m_Options));
   if (error == fatlib::Status::NotAVolume) {
@@ -192,6 +196,20 @@ fatlib::Volume& Session::Open(const Operand& given, Access access) {
   m_Volumes.push_back(std::move(open));
   return m_Volumes.back()->volume;
 }
+
+void Session::Adopt(const Operand& given, std::unique_ptr<Device> device) {
+  const Operand operand = Complete(given);
+  Release(operand);
+  (void)OpenOn(operand, Access::ReadWrite, std::move(device));
+}
+
+std::uint64_t Session::OffsetOf(const Operand& given) const {
+  ImageFile::Options options;
+  FindWindow(Complete(given), &options);
+  return options.offset;
+}
+
+PartitionTable Session::TableOf(const Operand& operand) const { return ReadTableOf(Complete(operand)); }
 
 void Session::Release(const Operand& operand) {
   OpenVolume* known = Find(Complete(operand));

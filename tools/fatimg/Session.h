@@ -14,6 +14,7 @@
 
 #include "Operand.h"
 #include "Options.h"
+#include "PartitionTable.h"
 
 namespace fatimg {
 
@@ -47,6 +48,16 @@ class Session {
   /// @throws Failure
   std::unique_ptr<fatlib::Device> OpenDevice(const Operand& operand, fatlib::Access access);
 
+  /// Takes a device that OpenDevice gave, or that takes the place of an image in a dry run, as what the operand names
+  /// from now on: what comes next sees what was written to it.
+  /// @throws Failure
+  void Adopt(const Operand& operand, std::unique_ptr<fatlib::Device> device);
+
+  /// Where the part of the image begins that an operand names, in bytes. @throws Failure
+  std::uint64_t OffsetOf(const Operand& operand) const;
+  /// The partitions of an image. @throws Failure when it cannot be read
+  PartitionTable TableOf(const Operand& operand) const;
+
   /// Closes the volume that an operand names, if it is open.
   /// @throws Failure
   void Release(const Operand& operand);
@@ -64,6 +75,7 @@ class Session {
   struct FileId;
 
   OpenVolume* Find(const Operand& operand);
+  fatlib::Volume& OpenOn(const Operand& operand, fatlib::Access access, std::unique_ptr<fatlib::Device> device);
   void CloseReaders(const FileId& file);
 
   CommonOptions m_Options;

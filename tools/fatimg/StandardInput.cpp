@@ -50,7 +50,8 @@ std::error_code StandardInput::Take(std::uint64_t limit, CopyItem* item) {
     if (count == 0) return {};
     item->size += static_cast<std::uint64_t>(count);
     if (item->size > limit) return fatlib::Status::FileTooLarge;
-    if (const std::error_code error = WriteDescriptor(m_hFile, piece.data(), static_cast<std::size_t>(count))) return error;
+    if (const std::error_code error = WriteDescriptor(m_hFile, piece.data(), static_cast<std::size_t>(count)))
+      return error;
   }
 }
 

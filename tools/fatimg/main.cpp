@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Command.h"
+#include "Interrupt.h"
 
 int main(int argc, char** argv) {
   using namespace fatimg;
@@ -29,5 +30,5 @@ int main(int argc, char** argv) {
     report.Fail(failure);
     if (exit == Exit::Done) exit = failure.Status();
   }
-  return static_cast<int>(exit);
+  return Interrupt::Signal() != 0 ? Interrupt::ExitStatus() : static_cast<int>(exit);
 }

@@ -7,14 +7,16 @@
 
 namespace fatimg {
 
-void AddCopyingOptions(CLI::App* verb, const std::string& operands, CopyingOptions* options) {
-  verb->add_option(operands, options->operands, "Sources, and at the end where they go")->required()->expected(2, -1);
-  verb->add_flag("-r,--recursive", options->recursive, "Copy directories with all that is in them");
-  verb->add_flag("-t,--times", options->times, "Keep the modification times");
-  verb->add_flag("-n,--no-clobber", options->noClobber, "Leave files that exist as they are, without a word");
-  verb->add_option("--exclude", options->exclude, "Leave out what fits this pattern; may be given again")
-      ->expected(1)
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+void CopyingOptions::Check() const {
+  if (operands.size() < 2) throw Failure(Exit::Usage, operands[0], "where is it to go? There is one operand only");
+}
+
+void AddCopyingOptions(Syntax* verb, const char* operands, CopyingOptions* options) {
+  verb->Positionals(operands, &options->operands, "Sources, and at the end where they go");
+  verb->Flag("-r,--recursive", &options->recursive, "Copy directories with all that is in them");
+  verb->Flag("-t,--times", &options->times, "Keep the modification times");
+  verb->Flag("-n,--no-clobber", &options->noClobber, "Leave files that exist as they are, without a word");
+  verb->Options("--exclude", "PATTERN", &options->exclude, "Leave out what fits; may be given several times");
 }
 
 CopyOptions CopyOptionsOf(const Context& context, const CopyingOptions& options) {

@@ -23,10 +23,12 @@ struct CopyingOptions {
 
   std::vector<std::string> Sources() const { return {operands.begin(), operands.end() - 1}; }
   const std::string& Destination() const { return operands.back(); }
+  /// @throws Failure (Usage) when there is no source
+  void Check() const;
 };
 
 /// Makes known what all three have.
-void AddCopyingOptions(CLI::App* verb, const std::string& operands, CopyingOptions* options);
+void AddCopyingOptions(Syntax* verb, const char* operands, CopyingOptions* options);
 
 /// What the command line says of how to copy.
 CopyOptions CopyOptionsOf(const Context& context, const CopyingOptions& options);

@@ -25,12 +25,12 @@ void CheckNotIntoItself(const Destination& destination, const std::vector<Target
 }
 
 Exit RunCp(Context& context, const CopyingOptions& options) {
+  options.Check();
   // The one that is written is opened first.
   (void)OpenForWriting(context, ParseOperand(options.Destination()));
   const std::vector<Target> sources = TargetsOf(context, options.Sources(), fatlib::Access::ReadOnly);
   if (sources.empty()) return context.report.Finish();
-  const Destination destination =
-      DestinationOf(context, options.Destination(), sources.size() > 1, options.recursive);
+  const Destination destination = DestinationOf(context, options.Destination(), sources.size() > 1, options.recursive);
   CheckNotIntoItself(destination, sources);
   std::vector<CopyItem> items;
   std::vector<FailedItem> failures;
@@ -48,8 +48,8 @@ Exit RunCp(Context& context, const CopyingOptions& options) {
 
 void AddCp(Grammar& grammar) {
   CopyingOptions* options = nullptr;
-  CLI::App* verb = grammar.Add("cp", "Copy inside the image, or from one image into another", RunCp, &options);
-  AddCopyingOptions(verb, "IMAGE:/PATH... IMAGE:/PATH", options);
+  Syntax verb = grammar.Add("cp", "Copy inside the image, or from one image into another", RunCp, &options);
+  AddCopyingOptions(&verb, "IMAGE:/PATH... IMAGE:/PATH", options);
 }
 
 }  // namespace fatimg

@@ -48,6 +48,7 @@ bool GoesInto(const CopyingOptions& options, std::size_t sources) {
 }
 
 Exit RunGet(Context& context, const CopyingOptions& options) {
+  options.Check();
   CatchSignals();
   const std::vector<Target> sources = TargetsOf(context, options.Sources(), fatlib::Access::ReadOnly);
   if (sources.empty()) return context.report.Finish();
@@ -70,8 +71,8 @@ Exit RunGet(Context& context, const CopyingOptions& options) {
 
 void AddGet(Grammar& grammar) {
   CopyingOptions* options = nullptr;
-  CLI::App* verb = grammar.Add("get", "Copy files of the image to the host", RunGet, &options);
-  AddCopyingOptions(verb, "IMAGE:/PATH... FILE", options);
+  Syntax verb = grammar.Add("get", "Copy files of the image to the host", RunGet, &options);
+  AddCopyingOptions(&verb, "IMAGE:/PATH... FILE", options);
 }
 
 }  // namespace fatimg

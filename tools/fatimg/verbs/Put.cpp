@@ -43,6 +43,7 @@ void GatherHostItems(const CopyingOptions& options, const std::string& image, bo
 }
 
 Exit RunPut(Context& context, const CopyingOptions& options) {
+  options.Check();
   const bool piped = options.operands.size() == 2 && options.operands[0] == "-";
   const Destination destination =
       DestinationOf(context, options.Destination(), options.operands.size() > 2, options.recursive);
@@ -72,9 +73,9 @@ Exit RunPut(Context& context, const CopyingOptions& options) {
 
 void AddPut(Grammar& grammar) {
   CopyingOptions* options = nullptr;
-  CLI::App* verb = grammar.Add("put", "Copy files of the host into the image", RunPut, &options);
-  AddCopyingOptions(verb, "FILE... IMAGE:/PATH", options);
-  verb->add_flag("--no-follow", options->noFollow, "Report symbolic links as failed instead of following them");
+  Syntax verb = grammar.Add("put", "Copy files of the host into the image", RunPut, &options);
+  AddCopyingOptions(&verb, "FILE... IMAGE:/PATH", options);
+  verb.Flag("--no-follow", &options->noFollow, "Report symbolic links as failed instead of following them");
 }
 
 }  // namespace fatimg

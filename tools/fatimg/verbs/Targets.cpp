@@ -44,8 +44,8 @@ std::vector<Target> TargetsOf(Context& context, const std::vector<std::string>& 
   for (const std::string& text : operands) {
     const Operand operand = ParseOperand(text);
     if (!operand.hasPath) throw Failure(Exit::Usage, text, "no path is named; write IMAGE:/PATH");
-    fatlib::Volume& volume = access == fatlib::Access::ReadWrite ? OpenForWriting(context, operand)
-                                                                 : context.session.Open(operand, access);
+    fatlib::Volume& volume =
+        access == fatlib::Access::ReadWrite ? OpenForWriting(context, operand) : context.session.Open(operand, access);
     try {
       for (const fatlib::Path& path : PathsOf(context, volume, operand)) {
         targets.push_back({&volume, path, operand.Text(path.ToUtf8()), EndsWith(operand.path, "/.")});

@@ -28,7 +28,7 @@ std::vector<fatlib::Path> PathsOf(const Context& context, fatlib::Volume& volume
 struct Target {
   fatlib::Volume* volume = nullptr;
   fatlib::Path path;
-  std::string text;  ///< for messages
+  std::string text;       ///< for messages
   bool contents = false;  ///< "DIRECTORY/." was written: what is in it, not it
 };
 
