@@ -166,12 +166,14 @@ void TreeCheck::TellSlotDefects(std::size_t directory, const std::vector<RawEntr
 bool TreeCheck::CheckDots(std::size_t directory, const std::vector<RawEntry>& entries) {
   const DirectoryNode& node = m_Directories[directory];
   const auto check = [&](std::uint32_t slot, std::uint32_t cluster, Defect::Kind missing, Defect::Kind wrong) {
-    const bool found = slot < entries.size() && entries[slot].ShortSlot() == slot && entries[slot].IsDot() &&
-                       (entries[slot].shortName[1] == '.') == (slot == 1);
+    const auto at = std::find_if(entries.begin(), entries.end(),
+                                 [slot](const RawEntry& entry) { return entry.ShortSlot() >= slot; });
+    const bool found =
+        at != entries.end() && at->ShortSlot() == slot && at->IsDot() && (at->shortName[1] == '.') == (slot == 1);
     if (!found) {
       m_Defects.Add(missing, PathOf(directory));
-    } else if (!entries[slot].IsDirectory() || entries[slot].firstCluster != cluster) {
-      m_Defects.Add(wrong, PathOf(directory), entries[slot].firstCluster);
+    } else if (!at->IsDirectory() || at->firstCluster != cluster) {
+      m_Defects.Add(wrong, PathOf(directory), at->firstCluster);
     }
     return found;
   };

@@ -33,7 +33,7 @@ struct ChainSurvey {
 
 class ClusterUse {
  public:
-  static constexpr std::uint64_t MAX_SHARED_STEPS = 1u << 26;
+  static constexpr std::uint64_t MAX_SHARED_STEPS = 1u << 22;
 
   /// @param medium  must live as long as the object
   explicit ClusterUse(Medium* medium);
