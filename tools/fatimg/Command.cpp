@@ -50,13 +50,14 @@ void Syntax::Positionals(const char* name, std::vector<std::string>* target, con
   m_pApp->add_option(name, *target, help)->type_name("")->required(need == Need::Required);
 }
 
-Grammar::Grammar()
-    : m_pApp(std::make_unique<CLI::App>(
-          "fatimg VERB [OPTIONS] IMAGE[@WHERE]:/PATH ...\nLooks into FAT images and changes them.", "fatimg")) {
+Grammar::Grammar() : m_pApp(std::make_unique<CLI::App>("Looks into FAT images and changes them.", "fatimg")) {
   // "-h" is an attribute for "attr", so help has the long name only.
   m_pApp->set_help_flag("--help", "Show the verbs, or the options of a verb");
   m_pApp->set_version_flag("--version", "fatimg " FATIMG_VERSION, "Show the version");
   m_pApp->require_subcommand(1);
+  m_pApp->footer("Operands are IMAGE[@WHERE]:/PATH; fatimg(1) explains them.");
+  m_pApp->get_formatter()->label("SUBCOMMAND", "VERB OPERAND...");
+  m_pApp->get_formatter()->label("Subcommands", "Verbs");
   AddCommonOptions(m_pApp.get(), &m_Command.options);
   AddLookVerbs(*this);
   AddChangeVerbs(*this);

@@ -13,13 +13,12 @@ namespace fatimg {
 /// The exit statuses of the command. They are documented in the manual page and never change their meaning.
 enum class Exit : int {
   Done = 0,
-  SomeFailed = 1,  ///< some items could be done, others not, or they failed for different reasons; "verify" and
-                   ///< "check": something was found
-  Usage = 2,  ///< the command line makes no sense
+  SomeFailed = 1,  ///< some items could be done, others not, or for different reasons; "verify" found a difference
+  Usage = 2,       ///< the command line makes no sense
   NotFound = 3,
   Refused = 4,  ///< something is in the way, or it would do harm, or the image is in use
   NoSpace = 5,
-  Corrupt = 6,  ///< there is no volume, or it is damaged
+  Corrupt = 6,  ///< there is no volume, or it is damaged; "check" found a defect
   Io = 7,       ///< the image, a host file or standard output could not be read or written
 };
 

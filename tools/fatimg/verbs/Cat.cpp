@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "LookVerbs.h"
+#include "Targets.h"
 
 namespace fatimg {
 
@@ -16,9 +17,9 @@ struct CatOptions {
 };
 
 // @return false when there is no use in going on
-bool CatFile(Context& context, fatlib::Volume& volume, const Operand& operand) {
+bool CatFile(Context& context, const Target& target) {
   fatlib::File file;
-  std::error_code error = volume.OpenFile(operand.path, fatlib::Access::ReadOnly, &file);
+  std::error_code error = target.volume->OpenFile(target.path, fatlib::Access::ReadOnly, &file);
   std::vector<unsigned char> piece(PIECE_BYTES);
   for (std::uint64_t offset = 0; !error && offset < file.Size();) {
     std::size_t done = 0;
@@ -28,7 +29,7 @@ bool CatFile(Context& context, fatlib::Volume& volume, const Operand& operand) {
     offset += done;
   }
   if (error) {
-    context.report.Fail(operand.Text(), error);
+    context.report.Fail(target.text, error);
   } else {
     context.report.Done();
   }
@@ -36,10 +37,9 @@ bool CatFile(Context& context, fatlib::Volume& volume, const Operand& operand) {
 }
 
 Exit RunCat(Context& context, const CatOptions& options) {
-  for (const std::string& text : options.files) {
-    const Operand operand = ParseOperand(text);
-    fatlib::Volume& volume = context.session.Open(operand, fatlib::Access::ReadOnly);
-    if (!CatFile(context, volume, operand)) break;
+  if (context.options.json) throw Failure(Exit::Usage, "--json", "the bytes of files are not reported as JSON");
+  for (const Target& target : TargetsOf(context, options.files, fatlib::Access::ReadOnly)) {
+    if (!CatFile(context, target)) break;
   }
   return context.report.Finish();
 }

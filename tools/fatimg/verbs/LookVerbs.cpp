@@ -4,6 +4,18 @@
 
 namespace fatimg {
 
-void AddLookVerbs(Grammar& grammar) { AddCat(grammar); }
+void AddLookVerbs(Grammar& grammar) {
+  AddInfo(grammar);
+  AddLs(grammar);
+  AddTree(grammar);
+  AddStat(grammar);
+  AddFind(grammar);
+  AddDu(grammar);
+  AddDf(grammar);
+  AddCat(grammar);
+  AddMap(grammar);
+  AddCheck(grammar);
+  AddVerify(grammar);
+}
 
 }  // namespace fatimg

@@ -9,6 +9,16 @@
 namespace fatimg {
 
 void AddCat(Grammar& grammar);
+void AddCheck(Grammar& grammar);
+void AddDf(Grammar& grammar);
+void AddDu(Grammar& grammar);
+void AddFind(Grammar& grammar);
+void AddInfo(Grammar& grammar);
+void AddLs(Grammar& grammar);
+void AddMap(Grammar& grammar);
+void AddStat(Grammar& grammar);
+void AddTree(Grammar& grammar);
+void AddVerify(Grammar& grammar);
 
 }  // namespace fatimg
 
