@@ -41,6 +41,29 @@ unsigned short* CopyText(const unsigned short* text, unsigned int bytes) {
   return copy;
 }
 
+/// Chains and tags are chosen by this. The last units of a name move only the low bits of the first two hashes;
+/// multiplying spreads them, and the shifts bring the best mixed bits down to where the index is taken from.
+unsigned int Mixed(const TriHashIdx& key) {
+  unsigned int mix = (key.m_nHashA ^ key.m_nHashC) * 0x9E3779B1u + key.m_nHashB;
+  mix = (mix ^ mix >> 15) * 0x85EBCA77u;
+  return mix ^ mix >> 16;
+}
+
+// Behind the chains of a table lies a byte for each of them: which of seven kinds of key it has or had, and whether any
+// two of one kind. So most names that are not there are known by it, and the last key of a chain is the one looked for
+// when it is like it, although only the first one of several counts. Each key that need not be looked at counts: in a
+// large directory it lies far from the processor.
+constexpr std::size_t BYTES_PER_BUCKET = sizeof(TriHashIdx*) + 1;
+constexpr unsigned int KINDS = 7;
+constexpr unsigned int TWO_OF_A_KIND = 1u << KINDS;
+
+unsigned char& TagsOf(TriHashIdx** buckets, unsigned int nBuckets, unsigned int bucket) {
+  return reinterpret_cast<unsigned char*>(buckets + nBuckets)[bucket];
+}
+
+// Taken from the bits that an index is not taken from.
+unsigned int TagOf(unsigned int mixed) { return 1u << ((mixed >> 16) * KINDS >> 16); }
+
 /// Appends a key to the chain whose last key is `last`.
 void Append(TriHashIdx*& last, TriHashIdx* key) {
   if (last == nullptr) {
@@ -50,6 +73,16 @@ void Append(TriHashIdx*& last, TriHashIdx* key) {
     last->m_pNext = key;
   }
   last = key;
+}
+
+/// Appends a key to its chain in a table.
+void Enter(TriHashIdx** buckets, unsigned int nBuckets, TriHashIdx* key) {
+  const unsigned int mixed = Mixed(*key);
+  const unsigned int bucket = mixed & (nBuckets - 1);
+  unsigned char& tags = TagsOf(buckets, nBuckets, bucket);
+  const unsigned int tag = TagOf(mixed);
+  tags = static_cast<unsigned char>(tags | tag | ((tags & tag) != 0 ? TWO_OF_A_KIND : 0));
+  Append(buckets[bucket], key);
 }
 
 }  // namespace
@@ -138,24 +171,18 @@ void TriHashTbl::Terminate() {
   m_nKeys = 0;
 }
 
-unsigned int TriHashTbl::BucketOf(const TriHashIdx& key) const {
-  // The last units of a name move only the low bits of the first two hashes; multiplying spreads them, and the shift
-  // brings the best mixed bits down to where the index is taken from.
-  unsigned int mix = (key.m_nHashA ^ key.m_nHashC) * 0x9E3779B1u + key.m_nHashB;
-  mix = (mix ^ mix >> 15) * 0x85EBCA77u;
-  return (mix ^ mix >> 16) & (m_nBuckets - 1);
-}
+unsigned int TriHashTbl::BucketOf(const TriHashIdx& key) const { return Mixed(key) & (m_nBuckets - 1); }
 
 bool TriHashTbl::Reserve() {
   if (m_pBuckets != nullptr) return true;
-  m_pBuckets = static_cast<TriHashIdx**>(osMemAllocZeroed(m_nBuckets * sizeof(TriHashIdx*)));
+  m_pBuckets = static_cast<TriHashIdx**>(osMemAllocZeroed(m_nBuckets * BYTES_PER_BUCKET));
   return m_pBuckets != nullptr;
 }
 
 bool TriHashTbl::Insert(TriHashIdx* key) {
   if (!Reserve()) return false;
   if (m_nKeys >= m_nBuckets) Double();
-  Append(m_pBuckets[BucketOf(*key)], key);
+  Enter(m_pBuckets, m_nBuckets, key);
   ++m_nKeys;
   return true;
 }
@@ -165,11 +192,12 @@ bool TriHashTbl::Insert(TriHashIdx* key) {
 void TriHashTbl::Double() {
   if (m_nBuckets >= MAX_BUCKETS) return;
   const unsigned int old = m_nBuckets;
-  void* grown = osMemRealloc(m_pBuckets, std::size_t{2} * old * sizeof(TriHashIdx*));
+  void* grown = osMemRealloc(m_pBuckets, 2 * BYTES_PER_BUCKET * old);
   if (grown == nullptr) return;
   m_pBuckets = static_cast<TriHashIdx**>(grown);
   m_nBuckets = 2 * old;
   for (unsigned int i = old; i < m_nBuckets; ++i) m_pBuckets[i] = nullptr;
+  osMemZero(&TagsOf(m_pBuckets, m_nBuckets, 0), m_nBuckets);
   for (unsigned int i = 0; i < old; ++i) {
     TriHashIdx* last = m_pBuckets[i];
     if (last == nullptr) continue;
@@ -178,7 +206,7 @@ void TriHashTbl::Double() {
     m_pBuckets[i] = nullptr;
     while (key != nullptr) {
       TriHashIdx* next = key->m_pNext;
-      Append(m_pBuckets[BucketOf(*key)], key);
+      Enter(m_pBuckets, m_nBuckets, key);
       key = next;
     }
   }
@@ -186,7 +214,8 @@ void TriHashTbl::Double() {
 
 void TriHashTbl::Remove(TriHashIdx* key) {
   if (m_pBuckets == nullptr || key == nullptr) return;
-  TriHashIdx*& last = m_pBuckets[BucketOf(*key)];
+  const unsigned int bucket = BucketOf(*key);
+  TriHashIdx*& last = m_pBuckets[bucket];
   if (last == nullptr) return;
   TriHashIdx* before = last;
   while (before->m_pNext != key) {
@@ -195,6 +224,7 @@ void TriHashTbl::Remove(TriHashIdx* key) {
   }
   if (before == key) {
     last = nullptr;  // it was alone
+    TagsOf(m_pBuckets, m_nBuckets, bucket) = 0;
   } else {
     before->m_pNext = key->m_pNext;
     if (last == key) last = before;
@@ -221,8 +251,12 @@ TriHashIdx* TriHashTbl::Search(const unsigned short* text) const {
 
 TriHashIdx* TriHashTbl::Search(const TriHashIdx& key) const {
   if (m_pBuckets == nullptr) return nullptr;
-  TriHashIdx* const last = m_pBuckets[BucketOf(key)];
-  if (last == nullptr) return nullptr;
+  const unsigned int mixed = Mixed(key);
+  const unsigned int bucket = mixed & (m_nBuckets - 1);
+  const unsigned int tags = TagsOf(m_pBuckets, m_nBuckets, bucket);
+  if ((tags & TagOf(mixed)) == 0) return nullptr;
+  TriHashIdx* const last = m_pBuckets[bucket];
+  if ((tags & TWO_OF_A_KIND) == 0 && last->SameKey(key)) return last;
   TriHashIdx* candidate = last;
   do {
     candidate = candidate->m_pNext;
