@@ -13,7 +13,7 @@
 class CSlabPool {
  public:
   static constexpr unsigned int SLAB_BYTES = 2048 - sizeof(void*);  // with what malloc adds, 2 KiB
-  static constexpr unsigned int UNIT = 8;                           // sizes are rounded up to multiples of it
+  static constexpr unsigned int UNIT = 16;                          // sizes are rounded up to multiples of it
   static constexpr unsigned int MAX_BYTES = 640;
 
   constexpr CSlabPool() : m_pWithRoom() {}

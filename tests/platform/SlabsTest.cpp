@@ -71,8 +71,8 @@ TEST_F(Slabs, PlacesOfEverySize_AreAlignedAndDoNotOverlap) {
 
 TEST_F(Slabs, ManyObjectsOfOneSize_TakeLittleMoreThanTheirBytes) {
   for (unsigned int i = 0; i < 10000; ++i) ASSERT_TRUE(Take(120));
-  EXPECT_LE(m_Memory.OutstandingBytes(), 10000u * 130);
-  EXPECT_LE(m_Memory.Outstanding(), 10000u / 15);
+  EXPECT_LE(m_Memory.OutstandingBytes(), 10000u * 137);
+  EXPECT_LE(m_Memory.Outstanding(), 10000u / 14);
 }
 
 TEST_F(Slabs, FullSlab_PlaceGivenBackIsTheNextOneTaken) {
