@@ -40,6 +40,7 @@ class CReport {
 /// What the workloads are given.
 struct BENCH {
   std::string Directory;  ///< where images go
+  std::string Disk;       ///< a folder on a disk, where streams are measured once more; empty: they are not
   std::string Tools;      ///< where fatwrite is, empty: unknown
   CReport& Report;
 };

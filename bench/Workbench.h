@@ -74,6 +74,8 @@ enum class BACKEND { File, Memory };
 /// As much memory as the library's cache has, taken in turn: what raw calls move ends there, as it does in the library.
 class CRing {
  public:
+  static constexpr unsigned int SIZE = 64 * MIB;
+
   CRing() : m_Buffer(SIZE) {}
   /// The next `count` bytes; a power of two up to the size.
   unsigned char* Next(std::size_t count) {
@@ -82,7 +84,6 @@ class CRing {
   }
 
  private:
-  static constexpr std::size_t SIZE = std::size_t{64} * MIB;
   CBuffer m_Buffer;
   std::size_t m_nAt = 0;
 };
