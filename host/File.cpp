@@ -91,7 +91,8 @@ std::error_code Volume::WriteAll(const Path& path, const void* bytes, std::size_
   if (size > MaxFileBytes(*m_pState)) return Status::FileTooLarge;
   File file;
   std::error_code error = OpenFile(path, Access::ReadWrite, &file);
-  if (error == Status::NotFound) {
+  const bool creates = error == Status::NotFound;
+  if (creates) {
     error = CreateFile(path, static_cast<std::uint32_t>(size), File::Fill::Nothing, ARCHIVE, &file);
   } else if (!error) {
     error = file.Resize(size, File::Fill::Nothing);
@@ -103,6 +104,10 @@ std::error_code Volume::WriteAll(const Path& path, const void* bytes, std::size_
     error = file.Write(done, data + done, piece);
     done += piece;
     if (!error) error = Report(progress, done, size);
+  }
+  if (error && creates && file.IsOpen()) {
+    file.Close();
+    (void)Remove(path);  // the first failure is the one to report
   }
   return error;
 }

@@ -17,6 +17,12 @@ namespace {
 
 constexpr unsigned int MOUNTS_UNTIL_RESTART = 256;
 
+std::u16string TextOf(const unsigned short* units) {
+  std::u16string text;
+  for (; *units != 0; ++units) text += static_cast<char16_t>(*units);
+  return text;
+}
+
 /// A FAT12 volume in memory on which names are given and taken back, so that the number in them moves on without a
 /// trace on any other volume.
 class ScratchVolume {
@@ -44,7 +50,7 @@ class ScratchVolume {
     if (handle < 0) return false;
     WIN_FIND_DATA data;
     const bool known = Fat_GetFileAttribute(handle, &data) != 0;
-    if (known) shortName->assign(std::begin(data.cAlternateFileName), std::end(data.cAlternateFileName));
+    if (known) *shortName = TextOf(data.cAlternateFileName);
     (void)Fat_CloseFile(handle);
     return Fat_DeleteFile(name) != 0 && known;
   }

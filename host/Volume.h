@@ -155,9 +155,11 @@ class Volume {
   [[nodiscard]] std::error_code CreateFile(const Path& path, std::uint32_t size, File::Fill fill,
                                            std::uint8_t attributes, File* file);
   /// All bytes of a file at once.
+  /// @param bytes  out: replaced; after a failure what was read before
   [[nodiscard]] std::error_code ReadAll(const Path& path, std::vector<unsigned char>* bytes,
                                         const Progress& progress = {});
-  /// Makes a file, or gives an existing one these bytes and nothing else.
+  /// Makes a file, or gives an existing one these bytes and nothing else. After a failure a file that was made is gone
+  /// again; one that existed has its new size, and may have any of its old and new bytes.
   [[nodiscard]] std::error_code WriteAll(const Path& path, const void* bytes, std::size_t size,
                                          const Progress& progress = {});
 

@@ -46,8 +46,7 @@ VolumeState::~VolumeState() { (void)Close(); }
 std::error_code VolumeState::Open(std::unique_ptr<Device> device) {
   m_pDevice = std::move(device);
   std::error_code error = m_Medium.Open(m_pDevice.get());
-  const Geometry& geometry = m_Medium.Layout();
-  if (!error && IsWritable() && !m_Options.force && (geometry.fats == 1 || geometry.ambiguous)) {
+  if (!error && IsWritable() && !m_Options.force && (Layout().fats == 1 || Layout().ambiguous)) {
     error = Status::UnsafeVolume;
   }
   if (error) {
@@ -55,7 +54,7 @@ std::error_code VolumeState::Open(std::unique_ptr<Device> device) {
     return error;
   }
   m_Log.device = m_pDevice.get();
-  if (geometry.fats == 1) m_Log.onlyFatEnd = geometry.FatPosition(1);
+  if (Layout().fats == 1) m_Log.onlyFatEnd = Layout().FatPosition(1);
   m_Root.raw.attributes = DIRECTORY;
   m_Library.emplace();
   return {};
