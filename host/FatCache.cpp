@@ -35,30 +35,8 @@ FatCache::FatCache(Device* device, const Geometry* geometry) : m_pDevice(device)
 void FatCache::Forget() {
   m_Blocks.clear();
   m_nLoaded = 0;
+  m_nNearBytes = 0;
   m_bCounted = false;
-}
-
-std::uint64_t FatCache::PositionOf(std::uint32_t cluster) const {
-  switch (m_pGeometry->type) {
-    case FatType::Fat12:
-      return cluster + cluster / 2;
-    case FatType::Fat16:
-      return std::uint64_t{cluster} * 2;
-    default:
-      return std::uint64_t{cluster} * 4;
-  }
-}
-
-std::uint32_t FatCache::Decode(const unsigned char* bytes, std::uint32_t cluster) const {
-  const std::uint32_t word = bytes[0] | std::uint32_t{bytes[1]} << 8;
-  switch (m_pGeometry->type) {
-    case FatType::Fat12:
-      return (cluster & 1) != 0 ? word >> 4 : word & 0xFFF;
-    case FatType::Fat16:
-      return word;
-    default:
-      return word | std::uint32_t{bytes[2]} << 16 | std::uint32_t{bytes[3]} << 24;
-  }
 }
 
 // The top four bits of a FAT32 entry mean nothing.
@@ -95,6 +73,7 @@ std::error_code FatCache::Load(std::uint64_t number, const BLOCK** block) {
   if (number * BLOCK_BYTES >= BytesOnDevice()) return {};
   BLOCK read;
   if (const std::error_code error = ReadBlock(number, &read)) return error;
+  m_nNearBytes = 0;
   if (m_nLoaded == MAX_BLOCKS) {
     do {
       m_nHand = (m_nHand + 1) % m_Blocks.size();
@@ -118,6 +97,9 @@ std::error_code FatCache::Get(std::uint32_t cluster, std::uint32_t* value) {
   if (const std::error_code error = Load(position / BLOCK_BYTES, &block)) return error;
   const auto at = ToSize(position % BLOCK_BYTES);
   if (block != nullptr && at + EntryBytes() <= block->size()) {
+    m_pNear = block->data();
+    m_nNearPosition = position - at;
+    m_nNearBytes = block->size() - EntryBytes() + 1;
     *value = Decode(block->data() + at, cluster);
     return {};
   }

@@ -7,6 +7,7 @@
 #ifndef FATLIB_FATCACHE_H
 #define FATLIB_FATCACHE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <system_error>
 #include <vector>
@@ -23,6 +24,14 @@ class FatCache {
   /// @param cluster  0 to clusters + 1
   /// @param value    out: 12, 16 or all 32 bits
   [[nodiscard]] std::error_code Get(std::uint32_t cluster, std::uint32_t* value);
+  /// The same for an entry of the block that was used last, which is where the next link of a chain mostly lies.
+  /// @return false when it lies elsewhere
+  bool GetNear(std::uint32_t cluster, std::uint32_t* value) const {
+    const std::uint64_t at = PositionOf(cluster) - m_nNearPosition;  // wraps for one in front of the block
+    if (at >= m_nNearBytes) return false;
+    *value = Decode(m_pNear + static_cast<std::ptrdiff_t>(at), cluster);
+    return true;
+  }
   /// In every copy; 12, 16 or all 32 bits are written.
   /// @return DiskCorrupt when the FAT is too short
   [[nodiscard]] std::error_code Set(std::uint32_t cluster, std::uint32_t value);
@@ -39,9 +48,19 @@ class FatCache {
   static constexpr std::size_t MAX_BLOCKS = 256;
   using BLOCK = std::vector<unsigned char>;
 
-  std::uint64_t PositionOf(std::uint32_t cluster) const;  // bytes from the start of the FAT
+  // Bytes from the start of the FAT.
+  std::uint64_t PositionOf(std::uint32_t cluster) const {
+    if (m_pGeometry->type == FatType::Fat12) return cluster + cluster / 2;
+    return std::uint64_t{cluster} * EntryBytes();
+  }
   std::uint32_t EntryBytes() const { return m_pGeometry->type == FatType::Fat32 ? 4 : 2; }
-  std::uint32_t Decode(const unsigned char* bytes, std::uint32_t cluster) const;
+  std::uint32_t Decode(const unsigned char* bytes, std::uint32_t cluster) const {
+    const std::uint32_t word = bytes[0] | std::uint32_t{bytes[1]} << 8;
+    if (m_pGeometry->type == FatType::Fat32)
+      return word | std::uint32_t{bytes[2]} << 16 | std::uint32_t{bytes[3]} << 24;
+    if (m_pGeometry->type == FatType::Fat16) return word;
+    return (cluster & 1) != 0 ? word >> 4 : word & 0xFFF;
+  }
   void Encode(unsigned char* bytes, std::uint32_t cluster, std::uint32_t value) const;
   bool IsFree(std::uint32_t value) const;
   std::uint64_t FatBytes() const { return std::uint64_t{m_pGeometry->sectorsPerFat} * m_pGeometry->bytesPerSector; }
@@ -56,7 +75,10 @@ class FatCache {
   const Geometry* m_pGeometry;
   std::vector<BLOCK> m_Blocks;  // by number; empty when it is not loaded
   std::size_t m_nLoaded = 0;
-  std::size_t m_nHand = 0;  // where the search for a block to drop goes on
+  std::size_t m_nHand = 0;                 // where the search for a block to drop goes on
+  const unsigned char* m_pNear = nullptr;  // the block that was used last
+  std::uint64_t m_nNearPosition = 0;       // of it, from the start of the FAT
+  std::uint64_t m_nNearBytes = 0;          // in which an entry can begin; 0: there is none
   bool m_bCounted = false;
   std::uint32_t m_nFree = 0;  // valid when counted
 };

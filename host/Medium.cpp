@@ -39,7 +39,9 @@ void Medium::Forget() {
 
 std::error_code Medium::FatEntry(std::uint32_t cluster, std::uint32_t* next) {
   if (cluster > m_pState->geometry.clusters + 1) return Status::InvalidParameter;
-  if (const std::error_code error = m_pState->fat.Get(cluster, next)) return error;
+  if (!m_pState->fat.GetNear(cluster, next)) {
+    if (const std::error_code error = m_pState->fat.Get(cluster, next)) return error;
+  }
   if (m_pState->geometry.type == FatType::Fat32) *next &= 0x0FFFFFFF;
   return {};
 }

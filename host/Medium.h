@@ -26,7 +26,7 @@ enum class FatType { Fat12 = 12, Fat16 = 16, Fat32 = 32 };
 struct Geometry {
   FatType type = FatType::Fat12;  ///< as the library sees it: FAT32 when the 16-bit FAT size is 0, else FAT12 up to
                                   ///< 4086 clusters, else FAT16
-  bool ambiguous = false;  ///< 4085 or 4086 clusters: others take the volume for FAT16
+  bool ambiguous = false;         ///< 4085 or 4086 clusters: others take the volume for FAT16
   std::uint32_t bytesPerSector = 0;
   std::uint32_t sectorsPerCluster = 0;
   std::uint32_t bytesPerCluster = 0;
