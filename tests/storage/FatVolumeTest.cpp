@@ -923,12 +923,42 @@ TEST_F(FatBackup, FailuresAtUnmount_AreSwallowed) {
 }
 
 TEST_F(FatBackup, NoMemory_NothingIsTransferred) {
-  CVolumeBench bench{ImageOf(Geometry(16))};
-  ASSERT_GE(bench.Mount(), 0);
-  Memory().FailAt(1, CMemHooks::ONCE);
-  bench.Volume().BackupFirstFat();
+  for (const FAT_GEOMETRY& geometry : {Geometry(16), Geometry(32, 300000)}) {
+    CVolumeBench bench{ImageOf(geometry)};
+    ASSERT_GE(bench.Mount(), 0);
+    Memory().FailAt(1, CMemHooks::ONCE);
+    bench.Volume().BackupFirstFat();
+    EXPECT_TRUE(Memory().Fired());
+    EXPECT_EQ(bench.Medium().Transfers(), 0u);
+  }
+}
+
+// The memory of the cache of the FAT is there already.
+TEST_F(FatBackup, FatOfSeveralBlocks_IsCopiedAtUnmountWithoutFurtherMemory) {
+  CImageBuilder builder(Geometry(32, 300000));
+  CDiskImage image = WithMarkedFats(builder);
+  CFatFileSystem* fileSystem = Mount(BACKEND::Medium, &image);
+  ASSERT_NE(fileSystem, nullptr);
+  ASSERT_TRUE(WritePath("F", CImageBuilder::Pattern(2000, 1)));
+  Memory().ResetPeak();
+  const std::size_t before = Memory().OutstandingBytes();
+  ASSERT_TRUE(Unmount(fileSystem));
+  EXPECT_EQ(FatBytes(image, builder, 1), FatBytes(image, builder, 0));
+  EXPECT_EQ(Memory().PeakBytes(), before);
+}
+
+TEST_F(FatBackup, FatOfSeveralBlocksAndNoMemory_UnmountsWithTheSecondOneStale) {
+  CImageBuilder builder(Geometry(32, 300000));
+  CDiskImage image = WithMarkedFats(builder);
+  const BYTES second = FatBytes(image, builder, 1);
+  CFatFileSystem* fileSystem = Mount(BACKEND::Medium, &image);
+  ASSERT_NE(fileSystem, nullptr);
+  ASSERT_TRUE(WritePath("F", CImageBuilder::Pattern(2000, 1)));
+  Memory().FailAt(1, CMemHooks::FOR_GOOD);
+  EXPECT_TRUE(Unmount(fileSystem));
   EXPECT_TRUE(Memory().Fired());
-  EXPECT_EQ(bench.Medium().Transfers(), 0u);
+  Memory().Heal();
+  EXPECT_EQ(FatBytes(image, builder, 1), second);
 }
 
 TEST_F(FatBackup, FatOfMoreBytesThanAnAllocationTakes_NothingIsTransferred) {
