@@ -210,7 +210,7 @@ void RunCopy(Context& context, const std::vector<CopyItem>& items, const std::ve
   object["directories"] = planned ? plan.directories : copier.Directories();
   object["bytes"] = planned ? plan.bytes : copier.Bytes();
   object["skipped"] = plan.skipped;
-  object["dry_run"] = context.options.dryRun;
+  object["dryRun"] = context.options.dryRun;
 }
 
 }  // namespace fatimg

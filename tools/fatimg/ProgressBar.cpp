@@ -91,10 +91,10 @@ std::string ProgressPlainText(const ProgressState& state) {
 }
 
 std::string ProgressJsonText(const ProgressState& state) {
-  return "{\"version\":1,\"progress\":{\"bytes_done\":" + std::to_string(state.bytesDone) +
-         ",\"bytes_total\":" + std::to_string(state.bytesTotal) + ",\"items_done\":" + std::to_string(state.itemsDone) +
-         ",\"items_total\":" + std::to_string(state.itemsTotal) +
-         ",\"bytes_per_second\":" + std::to_string(static_cast<std::uint64_t>(state.rate)) + ",\"remaining_seconds\":" +
+  return "{\"version\":1,\"progress\":{\"bytesDone\":" + std::to_string(state.bytesDone) +
+         ",\"bytesTotal\":" + std::to_string(state.bytesTotal) + ",\"itemsDone\":" + std::to_string(state.itemsDone) +
+         ",\"itemsTotal\":" + std::to_string(state.itemsTotal) +
+         ",\"bytesPerSecond\":" + std::to_string(static_cast<std::uint64_t>(state.rate)) + ",\"remainingSeconds\":" +
          (KnowsRemaining(state) ? std::to_string(RemainingSeconds(state)) : std::string("null")) + "}}";
 }
 

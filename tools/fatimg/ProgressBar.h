@@ -35,7 +35,7 @@ std::string DurationText(std::uint64_t seconds);
 /// The bar's line, at most `width` columns (20 or more).
 std::string ProgressBarText(const ProgressState& state, unsigned int width);
 std::string ProgressPlainText(const ProgressState& state);
-/// {"version":1,"progress":{...}}, with remaining_seconds null when it is not known.
+/// {"version":1,"progress":{...}}, with remainingSeconds null when it is not known.
 std::string ProgressJsonText(const ProgressState& state);
 
 class ProgressBar {

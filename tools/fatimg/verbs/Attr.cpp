@@ -26,7 +26,7 @@ struct Letter {
   const char* name;
 };
 
-constexpr std::array<Letter, 4> LETTERS{{{'r', fatlib::READ_ONLY, "read_only"},
+constexpr std::array<Letter, 4> LETTERS{{{'r', fatlib::READ_ONLY, "read-only"},
                                          {'h', fatlib::HIDDEN, "hidden"},
                                          {'s', fatlib::SYSTEM, "system"},
                                          {'a', fatlib::ARCHIVE, "archive"}}};
@@ -69,15 +69,14 @@ Change ChangeOf(const AttrOptions& options) {
 
 void Show(Context& context, const Target& target, std::uint8_t attributes) {
   std::string text;
-  Json entry;
-  entry["path"] = target.path.ToUtf8();
+  Json names = Json::array();
   for (const Letter& letter : LETTERS) {
     const bool set = (attributes & letter.attribute) != 0;
     text += set ? letter.letter : '-';
-    entry[letter.name] = set;
+    if (set) names.push_back(letter.name);
   }
   context.report.Print(text + " " + context.report.Shown(target.text) + "\n");
-  context.report.Object()["entries"].push_back(std::move(entry));
+  context.report.Object()["entries"].push_back(Json{{"path", target.path.ToUtf8()}, {"attributes", std::move(names)}});
 }
 
 std::error_code Apply(Context& context, const Target& target, const Change& change) {

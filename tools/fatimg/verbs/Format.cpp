@@ -129,10 +129,10 @@ Exit RunFormat(Context& context, const FormatVerbOptions& verb) {
                         " bytes, " + id.data());
   Json& object = context.report.Object();
   object["type"] = "FAT" + std::to_string(static_cast<int>(geometry.type));
-  object["bytes_per_sector"] = geometry.bytesPerSector;
-  object["bytes_per_cluster"] = geometry.bytesPerCluster;
+  object["bytesPerSector"] = geometry.bytesPerSector;
+  object["bytesPerCluster"] = geometry.bytesPerCluster;
   object["clusters"] = geometry.clusters;
-  object["volume_id"] = id.data();
+  object["volumeId"] = id.data();
   return context.report.Finish();
 }
 

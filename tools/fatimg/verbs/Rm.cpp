@@ -19,12 +19,10 @@ std::error_code Remove(const Target& target, bool recursive, std::uint64_t* remo
   fatlib::Entry entry;
   if (const std::error_code error = target.volume->Stat(target.path, &entry)) return error;
   if (target.path.IsRoot()) return fatlib::Status::Refused;
-  if (!entry.IsDirectory()) {
-    *removed = 1;
-    return target.volume->Remove(target.path);
-  }
-  if (!recursive) return fatlib::Status::IsADirectory;
-  return target.volume->RemoveAll(target.path, removed);
+  if (recursive) return target.volume->RemoveAll(target.path, removed);
+  const std::error_code error = target.volume->Remove(target.path);
+  *removed = error ? 0 : 1;
+  return error;
 }
 
 Exit RunRm(Context& context, const RmOptions& options) {
@@ -47,8 +45,7 @@ Exit RunRm(Context& context, const RmOptions& options) {
 
 void AddRm(Grammar& grammar) {
   RmOptions* options = nullptr;
-  Syntax verb =
-      grammar.Add("rm", "Remove files and directories; with --force what is not there is no failure", RunRm, &options);
+  Syntax verb = grammar.Add("rm", "Remove files and empty directories", RunRm, &options);
   verb.Positionals("IMAGE:/PATH", &options->paths, "What is to go");
   verb.Flag("-r,--recursive", &options->recursive, "Remove directories with all that is in them");
 }
