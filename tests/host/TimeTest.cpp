@@ -89,7 +89,7 @@ TEST(Time, WhatCannotBeStoredBecomesTheFirstOrLastThatCan) {
     EXPECT_EQ(fatlib::ToStamp(std::numeric_limits<std::time_t>::max(), 0, Zone::Utc), last);
   } else {
     EXPECT_EQ(fatlib::ToStamp(std::numeric_limits<std::time_t>::max(), 0, Zone::Utc),
-              MakeStamp(0x7433, 0x1A07, 100));  // 2038-01-19 03:14:07
+              MakeStamp(0x7433, 0x19C3, 100));  // 2038-01-19 03:14:07
   }
 }
 
