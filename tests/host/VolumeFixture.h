@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/DiskImage.h"
@@ -26,7 +27,16 @@ struct TEST_MEDIUM {
   std::uint64_t failAt = 0;  ///< the transfer, counted from 1 and from reads and writes together; 0: none
   bool forGood = false;      ///< that transfer and all later ones
   bool fired = false;
+  bool firedOnWrite = false;
+  bool keepOld = false;  ///< what is overwritten can be put back
+  std::vector<std::pair<std::uint64_t, std::vector<unsigned char>>> old;
 
+  /// Puts back everything since keepOld was set.
+  void PutBack() {
+    for (; !old.empty(); old.pop_back()) {
+      std::memcpy(bytes.data() + ToSize(old.back().first), old.back().second.data(), old.back().second.size());
+    }
+  }
   std::uint64_t Transfers() const { return reads + writes; }
   bool Fails() {
     if (failAt == 0 || (forGood ? Transfers() < failAt : Transfers() != failAt)) return false;
@@ -35,7 +45,7 @@ struct TEST_MEDIUM {
   void FailAfter(std::uint64_t transfers, bool persistent) {
     failAt = Transfers() + transfers;
     forGood = persistent;
-    fired = false;
+    fired = firedOnWrite = false;
   }
   void Heal() { failAt = 0; }
 };
@@ -57,8 +67,14 @@ class CTestDevice final : public fatlib::Device {
   std::error_code Write(std::uint64_t position, const void* buffer, std::size_t size) override {
     ++m_pMedium->writes;
     if (m_pMedium->mode == fatlib::Access::ReadOnly) return fatlib::Status::WriteProtected;
-    if (m_pMedium->Fails() || position + size > m_pMedium->bytes.size()) return fatlib::Status::IoError;
-    std::memcpy(m_pMedium->bytes.data() + ToSize(position), buffer, size);
+    if (m_pMedium->Fails()) {
+      m_pMedium->firedOnWrite = true;
+      return fatlib::Status::IoError;
+    }
+    if (position + size > m_pMedium->bytes.size()) return fatlib::Status::IoError;
+    unsigned char* const place = m_pMedium->bytes.data() + ToSize(position);
+    if (m_pMedium->keepOld) m_pMedium->old.emplace_back(position, std::vector<unsigned char>(place, place + size));
+    std::memcpy(place, buffer, size);
     return {};
   }
   std::error_code Flush() override {
