@@ -94,6 +94,7 @@ void CSlabPool::Recycle(void* object, unsigned short place) {
     osMemFree(slab);
     return;
   }
+  Permit(object, sizeof(FREE_PLACE));  // the object may have been smaller
   slab->pFree = new (object) FREE_PLACE{slab->pFree};
   Forbid(slab->pFree + 1, slab->PlaceBytes() - sizeof(FREE_PLACE));
   if (!hadRoom) Link(slab);
