@@ -15,7 +15,6 @@ namespace {
 
 constexpr std::uint8_t STORED_E5 = 0x05;  // in place of a first byte that would mark a deleted entry
 
-/// @param error  in: what went wrong so far
 std::error_code WriteZeros(Device* device, std::uint64_t position, std::uint64_t bytes) {
   constexpr std::size_t PIECE_BYTES = 256 * 1024;
   const std::vector<unsigned char> zeros(ToSize(std::min<std::uint64_t>(bytes, PIECE_BYTES)));
