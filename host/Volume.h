@@ -5,17 +5,18 @@
 ///
 ///  - transfers are cut into pieces that lie in one block of 256 KiB, so that byte counts are exact;
 ///  - a file gets its size before it is written, and what it gains reads as zeros;
-///  - a directory grows by clusters before a creation that would make the library slide its entries together; a fixed
-///  root, which
-///    cannot grow, is mounted anew after that;
-///  - what the library remembers under an old path is dropped after a rename or move;
+///  - a directory grows by clusters before a creation that would make the library slide its entries together; one that
+///    cannot grow is mounted anew after that;
+///  - what the library remembers under an old path is dropped after a rename or move, before it could be used again;
 ///  - no path leads through a file;
-///  - invented short names are unique in their directory, and made in the C locale;
+///  - short names are unique in their directory, and made in the C locale;
 ///  - one library handle for each open file, however often the host opens it, and never more than the library can have;
 ///  - failed writes are counted where they happen, and reported by Sync and Close;
 ///  - the volume is left as fsck.fat likes it: times, the FSInfo counts, and ".." of directories moved into the root
-///  are set
-///    once the library has written everything.
+///    come once the library has written everything. A volume on which nothing was changed is left bit for bit.
+///
+/// Looking needs no mount: directories are read from the medium, kept in memory, and changed there along with each
+/// change. What the library does with names shows: one of up to 8 and 3 ASCII characters is kept in upper case.
 ///
 /// One thread at a time for all volumes of a process. A host that uses this face leaves Fat_LibInitialize,
 /// Fat_LibTerminate and SetCurrentFileSystem alone; volumes bring the library up and down.
@@ -141,7 +142,7 @@ class Volume {
   /// Of the root: name empty, attributes DIRECTORY.
   [[nodiscard]] std::error_code Stat(const Path& path, Entry* entry);
   [[nodiscard]] std::error_code List(const Path& path, Directory* directory);
-  /// Syncs, and gives the bytes themselves until the next other call.
+  /// Syncs, and gives the bytes themselves until the next other call. What the host changes there is seen afterwards.
   [[nodiscard]] std::error_code Raw(Medium** medium);
   /// Of a file or directory, on the medium, after a Sync. The root of FAT12 and FAT16 has none.
   [[nodiscard]] std::error_code Clusters(const Path& path, std::vector<Extent>* extents);
@@ -168,12 +169,14 @@ class Volume {
   [[nodiscard]] std::error_code CreateDirectory(const Path& path, std::uint8_t attributes = 0);
   /// Parents too; one that exists is no failure, a file in its place is NotADirectory.
   [[nodiscard]] std::error_code CreateDirectories(const Path& path);
-  /// A file, or an empty directory. Open File objects of it fail from then on.
+  /// A file, or an empty directory. Open File objects of it fail with NotFound from then on.
   [[nodiscard]] std::error_code Remove(const Path& path);
-  /// With all that is below. @param removed  out, unless null: files and directories
+  /// With all that is below; of the root, all that is below. Stops at the first failure.
+  /// @param removed  out, unless null: files and directories
   [[nodiscard]] std::error_code RemoveAll(const Path& path, std::uint64_t* removed = nullptr);
   /// Gives a file or directory another path: another name, another directory, both, or the same name in other case.
-  /// Open File objects stay usable.
+  /// Open File objects stay usable. What is below a directory can end up under a path of more than 259 units: it is
+  /// then not reachable until the directory has a shorter path again.
   /// @param replace  a file that has the new path goes, and an empty directory when a directory is renamed
   /// @return Refused for the root and for a directory into itself; NameExists, IsADirectory, NotADirectory, NotEmpty
   /// for what is in

@@ -102,11 +102,13 @@ std::error_code VolumeState::BeginChange() {
 
 std::error_code VolumeState::StoreLabel(const std::u16string& text) {
   if (const std::error_code error = Detach()) return error;
+  const std::error_code error = m_Medium.SetLabel(text, Now());
+  if (error == Status::InvalidName || error == Status::DiskFull) return error;  // nothing was changed
   label.reset();
   m_bDirty = m_bUnflushed = true;
   m_bFreeKnown = false;
   if (m_Root.content != nullptr) m_Root.content->suspect = true;
-  return m_Medium.SetLabel(text, Now());
+  return error;
 }
 
 void VolumeState::Note(const std::error_code& error) {
