@@ -102,6 +102,7 @@ std::error_code CreateEntry(VolumeState* state, DirectoryNode* parent, const New
     if (const std::error_code error = state->Plan(parent->self, SlotsOfName(what.name), clusters, &plan)) return error;
     if (const std::error_code error = state->UseName(parent, upper)) return error;
     handles::MakeRoom();
+    SetCurrentFileSystem(state->FileSystem());  // what was closed may be of another volume
     const CLocaleScope locale;
     const std::uint64_t failures = state->Failures();
     ShortName given = expected;

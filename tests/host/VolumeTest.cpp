@@ -237,6 +237,31 @@ TEST(Volume, SeveralAtOnce_DoNotGetInEachOthersWay) {
   first.CloseAndCheck();
 }
 
+TEST(Volume, AllHandlesTakenByAnother_LeavesEachCallOnItsOwnVolume) {
+  CTestVolume first;
+  std::vector<File> files(130);
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    ASSERT_FALSE(first.volume.CreateFile("/F" + std::to_string(i), 0, File::Fill::Zeros, 0, &files[i]));
+  }
+  CTestVolume second;
+  std::vector<File> others(5);
+  for (std::size_t i = 0; i < others.size(); ++i) {
+    ASSERT_FALSE(second.volume.CreateFile("/O" + std::to_string(i), 0, File::Fill::Zeros, 0, &others[i]));
+    ASSERT_FALSE(second.volume.CreateDirectory("/D" + std::to_string(i)));
+    ASSERT_FALSE(files[i].Write(0, "x", 1));
+  }
+  EXPECT_EQ(second.Names("/"), "O0 D0 O1 D1 O2 D2 O3 D3 O4 D4");
+  files.clear();
+  others.clear();
+  first.Reopen();
+  second.Reopen();
+  EXPECT_EQ(first.Read("/F3"), "x");
+  EXPECT_FALSE(first.Exists("/O1"));
+  EXPECT_EQ(second.Names("/"), "O0 D0 O1 D1 O2 D2 O3 D3 O4 D4");
+  first.CloseAndCheck();
+  second.CloseAndCheck();
+}
+
 TEST(Volume, MovedObject_TakesTheVolumeAlong) {
   CTestVolume test;
   ASSERT_FALSE(test.Write("/F", "abc"));
