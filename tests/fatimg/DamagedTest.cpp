@@ -54,6 +54,20 @@ TEST_F(Damaged, DirectoryThatLeadsToItsParent_EndsEachWalk) {
   EXPECT_EQ(1, Fatimg({"verify", m_Directory / "tree", m_Path}).exit);
 }
 
+// Two ways from a directory into itself: each component of the pattern doubles the paths.
+TEST_F(Damaged, LongPatternOnDirectoriesThatLeadToThemselves_Ends) {
+  const unsigned int docs = FirstCluster("DOCS       ");
+  SetFirstCluster("SUB        ", docs);
+  const std::uint64_t other = EntryOf("GR");
+  CFileImage(m_Path).Set8(other + 11, 0x10);
+  CFileImage(m_Path).Set16(other + 26, docs);
+  std::string pattern = "/Docs";
+  for (int i = 0; i < 24; ++i) pattern += "/*";
+  const RESULT result = Fatimg({"ls", "-d", In(pattern)});
+  EXPECT_TRUE(result.exit >= 0 && result.exit <= 6) << result.err;
+  EXPECT_LT(LinesOf(result.out).size(), 10000u);
+}
+
 TEST_F(Damaged, FirstClusterBehindTheEnd_IsReported) {
   SetFirstCluster("DEEP    BIN", 0xFFF0);
   EXPECT_EQ(6, Fatimg({"map", In("/Docs/Sub/DEEP.BIN")}).exit);

@@ -99,6 +99,19 @@ TEST_F(Look, LsOfThePartsOfMdir_AreTheSame) {
   EXPECT_EQ(LinesOf(listed).size(), LinesOf(Fatimg({"ls", "-a", m_Path}).out).size());
 }
 
+// 7-Zip lists what is in a volume too.
+TEST_F(Look, Find_HasThePathsOf7Zip) {
+  std::vector<std::string> expected{"/"};
+  for (const std::string& line : LinesOf(RunOrThrow({"7z", "l", "-ba", "-slt", m_Path}))) {
+    if (line.rfind("Path = ", 0) == 0) expected.push_back("/" + line.substr(7));
+  }
+  std::vector<std::string> found = LinesOf(Fatimg({"find", m_Path}).out);
+  std::sort(expected.begin(), expected.end());
+  std::sort(found.begin(), found.end());
+  EXPECT_EQ(8u, found.size());
+  EXPECT_EQ(expected, found);
+}
+
 TEST_F(Look, Globs_AreExpandedInTheImage) {
   EXPECT_EQ("/README.TXT\n", Fatimg({"ls", In("/*.txt")}).out);
   EXPECT_EQ("/Docs/Grüße.txt\n/Docs/Sub\n", Fatimg({"ls", "-d", In("/d?cs/*")}).out);

@@ -5,6 +5,8 @@
 #include <fatlib/Text.h>
 
 #include <algorithm>
+#include <set>
+#include <utility>
 
 namespace fatimg {
 
@@ -59,29 +61,62 @@ ELEMENT MatchElement(std::u16string_view pattern, std::size_t at, char32_t chara
   return {CharacterAt(pattern, at) == character, CharacterUnits(pattern, at)};
 }
 
-void ExpandBelow(fatlib::Volume& volume, const fatlib::Path& directory, const std::vector<std::u16string>& components,
-                 std::size_t next, std::vector<fatlib::Path>* found) {
-  if (next == components.size()) {
-    found->push_back(directory);
-    return;
+class Expander {
+ public:
+  Expander(fatlib::Volume& volume, const fatlib::Path& pattern)
+      : m_Volume(volume), m_Components(pattern.Components()), m_Levels(m_Components.size()) {}
+
+  std::vector<fatlib::Path> Run() {
+    Expand(fatlib::Path(), 0);
+    return std::move(m_Found);
   }
-  const std::u16string& component = components[next];
-  const fatlib::Path literal = directory / component;
-  fatlib::Entry entry;
-  if (!volume.Stat(literal, &entry)) {
-    ExpandBelow(volume, literal, components, next + 1, found);
-    return;
+
+ private:
+  // The directories in which one component was looked for.
+  struct LEVEL {
+    std::size_t count = 0;
+    std::set<std::uint32_t> seen;  // first clusters, of those beyond MANY
+  };
+  static constexpr std::size_t MANY = 1000;
+
+  void Expand(const fatlib::Path& directory, std::size_t next) {
+    if (next == m_Components.size()) {
+      m_Found.push_back(directory);
+      return;
+    }
+    const std::u16string& component = m_Components[next];
+    const fatlib::Path literal = directory / component;
+    fatlib::Entry entry;
+    if (!m_Volume.Stat(literal, &entry)) {
+      Expand(literal, next + 1);
+      return;
+    }
+    fatlib::Directory list;
+    if (!IsPattern(fatlib::ToUtf8(component)) || IsRepeated(directory, &m_Levels[next])) return;
+    if (m_Volume.List(directory, &list)) return;
+    std::vector<std::u16string> names;
+    for (const fatlib::Entry& child : list) {
+      const bool passable = child.IsDirectory() || next + 1 == m_Components.size();
+      if (passable && GlobMatches(component, child.name)) names.push_back(child.name);
+    }
+    std::sort(names.begin(), names.end());
+    for (const std::u16string& name : names) Expand(directory / name, next + 1);
   }
-  fatlib::Directory list;
-  if (!IsPattern(fatlib::ToUtf8(component)) || volume.List(directory, &list)) return;
-  std::vector<std::u16string> names;
-  for (const fatlib::Entry& child : list) {
-    const bool passable = child.IsDirectory() || next + 1 == components.size();
-    if (passable && GlobMatches(component, child.name)) names.push_back(child.name);
+
+  // On a damaged volume directories can lead to each other, and the paths of a long pattern be without number. Where
+  // there are many, each directory is taken once; looking at their clusters is left out as long as there are few.
+  bool IsRepeated(const fatlib::Path& directory, LEVEL* level) {
+    if (++level->count <= MANY) return false;
+    std::vector<fatlib::Extent> extents;
+    (void)m_Volume.Clusters(directory, &extents);  // of a broken chain the begin is enough
+    return extents.empty() || !level->seen.insert(extents[0].first).second;
   }
-  std::sort(names.begin(), names.end());
-  for (const std::u16string& name : names) ExpandBelow(volume, directory / name, components, next + 1, found);
-}
+
+  fatlib::Volume& m_Volume;
+  const std::vector<std::u16string> m_Components;
+  std::vector<LEVEL> m_Levels;
+  std::vector<fatlib::Path> m_Found;
+};
 
 }  // namespace
 
@@ -118,9 +153,7 @@ bool GlobMatches(std::u16string_view givenPattern, std::u16string_view givenName
 }
 
 std::vector<fatlib::Path> ExpandGlob(fatlib::Volume& volume, const fatlib::Path& pattern) {
-  std::vector<fatlib::Path> found;
-  ExpandBelow(volume, fatlib::Path(), pattern.Components(), 0, &found);
-  return found;
+  return Expander(volume, pattern).Run();
 }
 
 }  // namespace fatimg

@@ -22,7 +22,7 @@ bool IsPattern(std::string_view text);
 bool GlobMatches(std::u16string_view pattern, std::u16string_view name);
 
 /// The paths that fit a pattern of which any component may have * ? [. Sorted within each directory. Directories that
-/// cannot be read have nothing that fits.
+/// cannot be read have nothing that fits, and on a damaged volume repeated ones may be left out.
 /// @return empty when nothing fits
 std::vector<fatlib::Path> ExpandGlob(fatlib::Volume& volume, const fatlib::Path& pattern);
 
