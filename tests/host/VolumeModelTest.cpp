@@ -253,7 +253,8 @@ class CExercise {
     MODEL_NODE* node;
     Status expected = ExpectOld(path, &node);
     if (node != nullptr && node->directory) expected = Status::IsADirectory;
-    if (m_Open.size() > 12) m_Open.erase(m_Open.begin() + Below(static_cast<unsigned int>(m_Open.size())));
+    if (m_Open.size() > 12)
+      m_Open.erase(m_Open.begin() + static_cast<std::ptrdiff_t>(Below(static_cast<unsigned int>(m_Open.size()))));
     OPEN_FILE opened;
     if (!Check("open", path, m_Test.volume.OpenFile(path, Access::ReadWrite, &opened.file), expected)) return;
     opened.node = node;
@@ -272,7 +273,7 @@ class CExercise {
     const Status expected = open->node == nullptr ? Status::NotFound : Status::Success;
     if (!Check("write part", PathOf(*open), open->file.Write(offset, bytes.data(), bytes.size()), expected)) return;
     if (open->node->bytes.size() < offset + bytes.size()) open->node->bytes.resize(offset + bytes.size());
-    std::copy(bytes.begin(), bytes.end(), open->node->bytes.begin() + offset);
+    std::copy(bytes.begin(), bytes.end(), open->node->bytes.data() + offset);
     Written(open->node);
   }
 
