@@ -373,7 +373,7 @@ class CExercise {
     MODEL_NODE* node;
     Status expected = ExpectOld(path, &node);
     if (node == m_Model.Root()) expected = Status::Refused;
-    const std::time_t then = 315532800 + static_cast<std::time_t>(Below(0x7FFFFFFF));
+    const std::time_t then = 315532800 + static_cast<std::time_t>(Below(1800000000));
     fatlib::Times times;
     times.created = fatlib::ToStamp(then, 990000000, fatlib::Zone::Utc);
     times.modified = times.created;
