@@ -12,7 +12,7 @@ namespace fatlib {
 namespace {
 
 // Whole entries of every width, and whole pairs of 12 bits.
-constexpr std::uint64_t PIECE_BYTES = 3 * 64 * 1024;
+constexpr std::uint64_t PIECE_BYTES = std::uint64_t{3} * 64 * 1024;
 
 class FatComparison {
  public:

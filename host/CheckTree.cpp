@@ -230,7 +230,8 @@ void TreeCheck::CheckFile(std::size_t directory, const RawEntry& entry) {
   m_pReport->runs += chain.runs;
   if (chain.runs > 1) ++m_pReport->fragmentedFiles;
   if (chain.end != ChainSurvey::Ended) return;
-  const std::uint32_t needed = entry.size / m_Geometry.bytesPerCluster + (entry.size % m_Geometry.bytesPerCluster != 0);
+  const std::uint32_t needed =
+      entry.size / m_Geometry.bytesPerCluster + (entry.size % m_Geometry.bytesPerCluster != 0 ? 1 : 0);
   if (chain.clusters < needed) m_Defects.Add(Defect::SizeBeyondChain, path, entry.size, chain.clusters);
   if (chain.clusters > needed) m_Defects.Add(Defect::ChainBeyondSize, path, entry.size, chain.clusters);
 }

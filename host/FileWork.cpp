@@ -128,7 +128,8 @@ std::error_code ReadFile(VolumeState* state, FileNode* file, std::uint64_t offse
     const std::uint32_t piece = PieceAt(offset + *done, wanted - *done);
     const std::uint64_t failures = state->Failures();
     unsigned int reported;
-    if (Fat_ReadFileEx(file->handle, static_cast<long long>(offset + *done), piece, bytes + *done, &reported) == 0) {
+    if (Fat_ReadFileEx(file->handle, static_cast<long long>(offset) + static_cast<long long>(*done), piece,
+                       bytes + *done, &reported) == 0) {
       return state->Reason(failures, Status::DiskCorrupt);
     }
     *done += piece;

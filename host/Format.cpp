@@ -17,8 +17,8 @@ namespace fatlib {
 
 namespace {
 
-constexpr std::uint64_t MIB = 1024 * 1024;
-constexpr std::size_t WIPE_BYTES = 256 * 1024;
+constexpr std::uint64_t MIB = std::uint64_t{1024} * 1024;
+constexpr std::size_t WIPE_BYTES = std::size_t{256} * 1024;
 constexpr std::uint32_t CHS_SECTORS = 63;
 
 // For who starts the volume: asks the firmware for the next device, and stops.

@@ -44,8 +44,8 @@ class LibraryUse {
 
   /// To be called before each mount, with nothing of this volume mounted. The library keeps some memory of each mount
   /// until it ends: when no volume is mounted, it is ended and started again now and then.
-  void BeforeMount();
-  void Unmounted();
+  static void BeforeMount();
+  static void Unmounted();
 
   // ---- the number of invented short names, one for all volumes of the process
 

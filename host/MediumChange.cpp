@@ -16,7 +16,7 @@ namespace {
 constexpr std::uint8_t STORED_E5 = 0x05;  // in place of a first byte that would mark a deleted entry
 
 std::error_code WriteZeros(Device* device, std::uint64_t position, std::uint64_t bytes) {
-  constexpr std::size_t PIECE_BYTES = 256 * 1024;
+  constexpr std::size_t PIECE_BYTES = std::size_t{256} * 1024;
   const std::vector<unsigned char> zeros(ToSize(std::min<std::uint64_t>(bytes, PIECE_BYTES)));
   while (bytes != 0) {
     const auto piece = ToSize(std::min<std::uint64_t>(bytes, zeros.size()));

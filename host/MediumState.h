@@ -31,7 +31,7 @@ struct Medium::State {
   bool HasFixedRoot() const { return geometry.type != FatType::Fat32; }
   std::uint32_t FixedRootSlots() const;
   /// The chain of a directory that is not a fixed root, or of a file.
-  const FollowedChain& Follow(Medium* medium, std::uint32_t first, FollowedChain* chain);
+  static const FollowedChain& Follow(Medium* medium, std::uint32_t first, FollowedChain* chain);
   /// The chain of a directory; that of a fixed root has no cluster.
   const FollowedChain& FollowDirectory(Medium* medium, DirectoryPlace place);
   /// How many slots a directory has.

@@ -17,7 +17,7 @@ bool SlotReader::Next() {
 
 // Most directories are small, and end long before their last cluster: the pieces begin small and grow.
 bool SlotReader::Fill() {
-  constexpr std::size_t MAX_PIECE_BYTES = 256 * 1024;
+  constexpr std::size_t MAX_PIECE_BYTES = std::size_t{256} * 1024;
   m_Bytes.clear();
   m_nAt = 0;
   while (m_nRun < m_Runs.size() && m_nDone == m_Runs[m_nRun].bytes) {

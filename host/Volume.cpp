@@ -87,7 +87,7 @@ bool Volume::IsDirty() const { return m_pState != nullptr && m_pState->IsDirty()
 // ---------------------------------------------------------------------------------------------- looking
 
 const Geometry& Volume::Layout() const {
-  static const Geometry none;
+  static const Geometry none{};
   return m_pState == nullptr ? none : m_pState->Layout();
 }
 
@@ -234,7 +234,7 @@ std::error_code Volume::Remove(const Path& path) {
 
 std::error_code Volume::RemoveAll(const Path& path, std::uint64_t* removed) {
   if (m_pState == nullptr) return Status::Refused;
-  std::uint64_t ignored;
+  std::uint64_t ignored = 0;
   std::uint64_t* const count = removed == nullptr ? &ignored : removed;
   *count = 0;
   EntryNode* node;

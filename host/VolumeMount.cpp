@@ -18,13 +18,13 @@ std::error_code VolumeState::Mount() {
   if (IsWritable()) {
     if (const std::error_code error = FreeClusters(&clusters)) return error;
   }
-  m_Library->BeforeMount();
+  LibraryUse::BeforeMount();
   const std::uint64_t failures = Failures();
   m_pStorage = new DeviceStorage;
   m_pFileSystem = Fat_Mount(m_pStorage, &m_Log);
   if (m_pFileSystem != nullptr) return {};
   m_pStorage = nullptr;  // the failed mount has released it
-  m_Library->Unmounted();
+  LibraryUse::Unmounted();
   return Reason(failures, Status::DiskCorrupt);
 }
 
@@ -41,7 +41,7 @@ void VolumeState::Unmount() {
   ::operator delete(m_pStorage);
   m_pStorage = nullptr;
   m_pFileSystem = nullptr;
-  m_Library->Unmounted();
+  LibraryUse::Unmounted();
   ++m_nMount;
 }
 
@@ -131,7 +131,7 @@ std::error_code VolumeState::UseName(DirectoryNode* directory, const std::u16str
   return Use(self);
 }
 
-void VolumeState::LeavesPath(EntryNode* entry) {
+void VolumeState::LeavesPath(EntryNode* entry) const {
   if (entry->touchedIn != m_nMount) return;
   entry->staleIn = m_nMount;
   DirectoryNode* const directory = entry->parent;
@@ -140,7 +140,7 @@ void VolumeState::LeavesPath(EntryNode* entry) {
   directory->staleNames.insert(UpCase(entry->raw.name));
 }
 
-void VolumeState::EntersPath(EntryNode* entry) {
+void VolumeState::EntersPath(EntryNode* entry) const {
   const DirectoryNode* const directory = entry->parent;
   if (directory->staleNamesIn == m_nMount && directory->staleNames.count(UpCase(entry->raw.name)) != 0) {
     entry->staleIn = entry->touchedIn = m_nMount;

@@ -193,7 +193,7 @@ void VolumeState::SuspectAll() { Suspect(&m_Root); }
 
 // ---------------------------------------------------------------------------------------------- times
 
-Stamp VolumeState::Now() {
+Stamp VolumeState::Now() const {
   std::timespec now{};
   if (m_Options.clock) {
     now = m_Options.clock();
@@ -215,7 +215,7 @@ void VolumeState::MarkModified(EntryNode* entry) {
 }
 
 // The conversion to local time is put off until somebody looks: a file may be written many times before.
-void VolumeState::SettleTimes(EntryNode* entry) {
+void VolumeState::SettleTimes(EntryNode* entry) const {
   if (!entry->modified) return;
   entry->modified = false;
   entry->raw.times.modified = ToStamp(entry->modifiedAt.tv_sec, entry->modifiedAt.tv_nsec, m_Options.zone);
@@ -223,7 +223,7 @@ void VolumeState::SettleTimes(EntryNode* entry) {
   if (m_Options.times) entry->timesAhead = true;
 }
 
-const Times& VolumeState::TimesOf(EntryNode* entry) {
+const Times& VolumeState::TimesOf(EntryNode* entry) const {
   SettleTimes(entry);
   return entry->raw.times;
 }

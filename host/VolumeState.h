@@ -93,10 +93,10 @@ class VolumeState {
   /// Something may have been changed behind the mirror: all that is known is compared with the medium before it is
   /// used.
   void SuspectAll();
-  Stamp Now();
+  Stamp Now() const;
   /// Gives a file a new modification time.
   void MarkModified(EntryNode* entry);
-  const Times& TimesOf(EntryNode* entry);
+  const Times& TimesOf(EntryNode* entry) const;
 
   // ---- the library
 
@@ -119,9 +119,9 @@ class VolumeState {
   /// The library may remember the entry, and all above.
   void Touch(EntryNode* entry) const;
   /// The library is about to forget a path, under which it may keep what it knows of the entry until the next Detach.
-  void LeavesPath(EntryNode* entry);
+  void LeavesPath(EntryNode* entry) const;
   /// An entry was put into a directory under a name that the library may know from before.
-  void EntersPath(EntryNode* entry);
+  void EntersPath(EntryNode* entry) const;
 
   CFatFileSystem* FileSystem() const { return m_pFileSystem; }
   std::uint64_t Failures() const { return m_Log.failures; }
@@ -157,7 +157,7 @@ class VolumeState {
   void Unmount();
   void Reconcile(DirectoryNode* directory);
   void ReconcileEntries(DirectoryNode* directory);
-  void SettleTimes(EntryNode* entry);
+  void SettleTimes(EntryNode* entry) const;
   void Note(const std::error_code& error);
   bool IsStale(const EntryNode* entry) const;
   [[nodiscard]] std::error_code GrowOutside(EntryNode* directory, std::uint32_t clusters);
