@@ -135,6 +135,17 @@ TEST_F(PlanOfACopy, NamesThatDifferInCaseOnly_AreOneName) {
   EXPECT_EQ("4 host/README: has the same name there as host/Readme\n", Problems());
 }
 
+TEST_F(PlanOfACopy, ContentsOfTwoDirectories_GoIntoOne) {
+  m_Target.there["/"] = {true, 0};
+  Directory("/");
+  File("/a");
+  Directory("/");
+  File("/b");
+  Plan();
+  EXPECT_EQ("EWW", Steps());
+  EXPECT_EQ("", Problems());
+}
+
 TEST_F(PlanOfACopy, NameThatTheVolumeCannotHold_IsRefusedWithAllBelow) {
   Directory("/what?");
   File("/what?/a");

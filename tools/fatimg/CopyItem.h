@@ -27,6 +27,9 @@ struct CopyItem {
   std::timespec modified{};     ///< since 1970-01-01 UTC
 };
 
+/// Why a directory is not copied when that was not asked for.
+constexpr char NEEDS_RECURSION[] = "is a directory; --recursive copies it with all that is in it";
+
 /// Something that cannot be copied, or could not be.
 struct FailedItem {
   std::string place;

@@ -56,6 +56,8 @@ class Planner {
     if (hasParent && parent->second.origin == Origin::Refused) return {};
     const auto [known, added] = m_Known.emplace(key, Known{Origin::Refused, item.place});
     if (!added) {
+      // The contents of several directories may go into one.
+      if (item.relative.IsRoot() && item.directory && known->second.origin != Origin::Refused) return {};
       Problem(Exit::Refused, item.place, "has the same name there as " + known->second.place);
       return {};
     }

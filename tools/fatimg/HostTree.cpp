@@ -76,7 +76,10 @@ class Scanner {
   }
 
   void VisitDirectory(const CopyItem& item, const std::string& fromTop, const Identity& identity) {
-    if (!m_Options.recursive) return Fail(item.place, fatlib::Status::IsADirectory);
+    if (!m_Options.recursive) {
+      m_pFailures->push_back({item.place, make_error_code(fatlib::Status::IsADirectory), NEEDS_RECURSION});
+      return;
+    }
     if (std::find(m_Parents.begin(), m_Parents.end(), identity) != m_Parents.end()) {
       return Fail(item.place, "is a link to a directory that it lies in");
     }

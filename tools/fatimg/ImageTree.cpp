@@ -45,7 +45,7 @@ class Scanner {
     if (!item.directory) {
       m_pItems->push_back(std::move(item));
     } else if (!m_Options.recursive) {
-      Fail(item.place, fatlib::Status::IsADirectory);
+      m_pFailures->push_back({item.place, make_error_code(fatlib::Status::IsADirectory), NEEDS_RECURSION});
     } else if (path.Components().size() > MAX_DEPTH) {
       Fail(item.place, fatlib::Status::NameTooLong);
     } else if (++m_nDirectories > m_pVolume->Layout().clusters + 1) {

@@ -7,8 +7,10 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <limits>
 
 #include "Exit.h"
+#include "Timeless.h"
 
 namespace fatimg {
 
@@ -84,6 +86,17 @@ std::string NotAVolumeReason(const Operand& operand) {
   return "there is a partition table; name a partition as " + operand.image + "@N, of: " + ListOf(table);
 }
 
+std::error_code CloseVolume(const CommonOptions& options, Access access, fatlib::Volume* volume) {
+  std::error_code error;
+  if (options.reproducible && access == Access::ReadWrite) {
+    fatlib::Medium* medium = nullptr;
+    error = volume->Raw(&medium);
+    if (!error) error = MakeTimeless(medium);
+  }
+  const std::error_code closed = volume->Close();
+  return error ? error : closed;
+}
+
 }  // namespace
 
 // An image, whatever path leads to it.
@@ -121,8 +134,8 @@ fatlib::VolumeOptions Session::OptionsOf(const CommonOptions& options) {
     if (end == epoch || *end != 0) {
       throw Failure(Exit::Usage, "SOURCE_DATE_EPOCH", "this is no number of seconds");
     }
-    // The times that can be stored end with the year 2107.
-    constexpr long long LATEST = 4354819199;
+    // The times that can be stored end with the year 2107, those of a std::time_t of 32 bits with 2038.
+    constexpr long long LATEST = std::min<long long>(4354819199, std::numeric_limits<std::time_t>::max());
     const long long bounded = std::clamp<long long>(seconds, EARLIEST, LATEST);
     time.tv_sec = static_cast<std::time_t>(bounded);
   }
@@ -215,7 +228,7 @@ void Session::Release(const Operand& operand) {
   OpenVolume* known = Find(Complete(operand));
   if (known == nullptr) return;
   const std::string text = known->operand.ImageText();
-  const std::error_code error = known->volume.Close();
+  const std::error_code error = CloseVolume(m_Options, known->access, &known->volume);
   const auto same = [known](const std::unique_ptr<OpenVolume>& open) { return open.get() == known; };
   m_Volumes.erase(std::find_if(m_Volumes.begin(), m_Volumes.end(), same));
   if (error) throw Failure(error, text);
@@ -232,7 +245,7 @@ void Session::Close() {
   std::error_code first;
   std::string path;
   for (const auto& open : m_Volumes) {
-    const std::error_code error = open->volume.Close();
+    const std::error_code error = CloseVolume(m_Options, open->access, &open->volume);
     if (error && !first) {
       first = error;
       path = open->operand.ImageText();
