@@ -68,7 +68,7 @@ Grammar::~Grammar() = default;
 Syntax Grammar::AddVerb(const char* name, const char* description, std::function<Exit(Context&)> run) {
   CLI::App* verb = m_pApp->add_subcommand(name, description);
   verb->fallthrough();  // the common options may stand behind the verb
-  verb->callback([this, verb, run] {
+  verb->callback([this, verb, run = std::move(run)] {
     m_Command.verb = verb->get_name();
     m_Command.run = run;
   });

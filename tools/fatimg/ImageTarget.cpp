@@ -113,7 +113,7 @@ std::error_code ImageTarget::UsedSlots(const fatlib::Path& path, const Folder& f
     for (std::uint32_t i = 0; i < folder.slots && i < layout.rootEntries; ++i) (*used)[i] = true;
   } else {
     const std::uint32_t inCluster = layout.bytesPerCluster / SLOT_BYTES;
-    used->assign((folder.slots + inCluster - 1) / inCluster * inCluster, true);
+    used->assign(std::size_t{(folder.slots + inCluster - 1) / inCluster} * inCluster, true);
   }
   return {};
 }

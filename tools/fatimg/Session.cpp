@@ -79,7 +79,7 @@ void FindWindow(const Operand& operand, ImageFile::Options* options) {
 
 // What may be wrong when there is no volume: nobody said which partition.
 std::string NotAVolumeReason(const Operand& operand) {
-  const std::string reason = std::error_code(fatlib::Status::NotAVolume).message();
+  std::string reason = std::error_code(fatlib::Status::NotAVolume).message();
   if (operand.where.kind != Where::Whole) return reason;
   const PartitionTable table = ReadTableOf(operand);
   if (table.kind == PartitionTable::None) return reason;

@@ -41,20 +41,20 @@ class Session {
   /// ReadWrite the image is locked. In a dry run the changes stay in memory.
   /// @return valid until the session closes, or Release
   /// @throws Failure
-  fatlib::Volume& Open(const Operand& operand, fatlib::Access access);
+  fatlib::Volume& Open(const Operand& given, fatlib::Access access);
 
   /// The bytes of the volume that an operand names, whatever is in them: for a verb that makes a volume. A volume that
   /// is open there is closed before.
   /// @throws Failure
-  std::unique_ptr<fatlib::Device> OpenDevice(const Operand& operand, fatlib::Access access);
+  std::unique_ptr<fatlib::Device> OpenDevice(const Operand& given, fatlib::Access access);
 
   /// Takes a device that OpenDevice gave, or that takes the place of an image in a dry run, as what the operand names
   /// from now on: what comes next sees what was written to it.
   /// @throws Failure
-  void Adopt(const Operand& operand, std::unique_ptr<fatlib::Device> device);
+  void Adopt(const Operand& given, std::unique_ptr<fatlib::Device> device);
 
   /// Where the part of the image begins that an operand names, in bytes. @throws Failure
-  std::uint64_t OffsetOf(const Operand& operand) const;
+  std::uint64_t OffsetOf(const Operand& given) const;
   /// The partitions of an image. @throws Failure when it cannot be read
   PartitionTable TableOf(const Operand& operand) const;
 

@@ -26,9 +26,11 @@ bool IsCalled(const Node& node, const std::u16string& upperName) {
 
 void SortByName(std::vector<Node>* nodes) {
   std::vector<std::pair<std::u16string, std::size_t>> order;
+  order.reserve(nodes->size());
   for (std::size_t i = 0; i < nodes->size(); ++i) order.emplace_back(fatlib::UpCase((*nodes)[i].raw.name), i);
   std::sort(order.begin(), order.end());
   std::vector<Node> sorted;
+  sorted.reserve(order.size());
   for (const auto& [name, i] : order) sorted.push_back(std::move((*nodes)[i]));
   *nodes = std::move(sorted);
 }
