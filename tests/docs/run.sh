@@ -4,7 +4,7 @@
 #             other in an empty directory of the document's own, and must print just that
 #   sh        commands of this tree: make with a target that there is, cmake and ctest with a preset, scripts that are there;
 #             those that this test cannot run are looked up instead of run
-#   cpp       compiled
+#   cpp       compiled; a program whose first line is a comment with its name is there for the console blocks that follow
 #   cmake     part of the project of a host, which is built against an installed fatlib
 #   text      drawings: nothing to run
 #
@@ -83,6 +83,12 @@ look_up_command() { # LINE WHERE
 compile() { # FILE WHERE
   # shellcheck disable=SC2086  # a list of options
   "$CXX" -std=c++17 -Wall -Wextra -Werror $HOST_FLAGS -I "$include" -c "$1" -o block.o || report "$2 does not compile"
+  local name
+  name=$(sed -nE '1s|^// ([a-z]+) .*|\1|p' "$1")
+  [ -n "$name" ] || return 0
+  # shellcheck disable=SC2086
+  "$CXX" $HOST_FLAGS block.o -o "$name" -L "$build/host" -L "$build" -Wl,-rpath,"$build" -lfatlib-host -lfatlib ||
+    report "$2 does not link"
 }
 
 install_fatlib() { # once, in installed
