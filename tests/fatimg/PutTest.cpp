@@ -125,9 +125,9 @@ TEST_F(Put, Progress_IsToldAsJsonLines) {
 
 TEST_F(Put, InterruptedWhileWaiting_LeavesTheVolumeAsItWas) {
   const std::vector<unsigned char> before = ImageBytes();
-  const PROCESS_RESULT result =
-      RunProcess({"sh", "-c", "sleep 30 | timeout --preserve-status -s INT 1 \"$0\" put - \"$1\"", FATIMG_PROGRAM,
-                  In("/Docs/never")});
+  const PROCESS_RESULT result = RunProcess(
+      {"sh", "-c", "mkfifo \"$2\" && exec 3<>\"$2\" && timeout --preserve-status -s INT 1 \"$0\" put - \"$1\" <\"$2\"",
+       FATIMG_PROGRAM, In("/Docs/never"), m_Path + ".in"});
   EXPECT_EQ(130, result.ExitCode) << result.Output;
   EXPECT_TRUE(before == ImageBytes());
 }

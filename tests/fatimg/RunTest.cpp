@@ -72,9 +72,10 @@ TEST_F(Script, DryRun_DoesEverythingInMemory) {
 }
 
 TEST_F(Script, Interrupted_LeavesWhatWasDoneOnACleanVolume) {
-  const PROCESS_RESULT result =
-      RunProcess({"sh", "-c", "(echo 'mkdir :/done'; sleep 30) | timeout --preserve-status -s TERM 2 \"$0\" run \"$1\"",
-                  FATIMG_PROGRAM, m_Path});
+  const PROCESS_RESULT result = RunProcess({"sh", "-c",
+                                            "mkfifo \"$2\" && exec 3<>\"$2\" && echo 'mkdir :/done' >&3 && "
+                                            "timeout --preserve-status -s TERM 2 \"$0\" run \"$1\" <\"$2\"",
+                                            FATIMG_PROGRAM, m_Path, m_Path + ".in"});
   EXPECT_EQ(143, result.ExitCode) << result.Output;
   EXPECT_TRUE(Exists("/done"));
 }

@@ -31,6 +31,8 @@ struct SCENE {
   unsigned int steps;
 };
 
+void PrintTo(const SCENE& scene, std::ostream* out) { *out << scene.name; }
+
 class CExercise {
  public:
   CExercise(const SCENE& scene, unsigned int seed) : m_Scene(scene), m_Random(seed), m_Test(scene.shape) {
