@@ -31,6 +31,14 @@ TEST(OperandOfTheCommandLine, ColonAtTheEnd_IsTheRoot) {
   EXPECT_EQ("/", operand.path);
 }
 
+TEST(OperandOfTheCommandLine, ColonAlone_IsTheRootOfTheImageInForce) {
+  const Operand operand = ParseOperand(":");
+  EXPECT_TRUE(operand.image.empty());
+  EXPECT_TRUE(operand.hasPath);
+  EXPECT_EQ("/", operand.path);
+  EXPECT_TRUE(IsImageOperand(":"));
+}
+
 TEST(OperandOfTheCommandLine, WithoutAnImage_NeedsAPath) {
   EXPECT_EQ("", ParseOperand(":/X").image);
   EXPECT_EQ("/X", ParseOperand(":/X").path);

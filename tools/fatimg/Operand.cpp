@@ -95,7 +95,7 @@ bool ParseBytes(std::string_view text, std::uint64_t* bytes) {
 }
 
 bool IsImageOperand(std::string_view text) {
-  return text.find(":/") != std::string_view::npos || (text.size() > 1 && text.back() == ':');
+  return text.find(":/") != std::string_view::npos || (!text.empty() && text.back() == ':');
 }
 
 Operand ParseOperand(std::string_view text) {
@@ -106,7 +106,7 @@ Operand ParseOperand(std::string_view text) {
     operand.path = text.substr(colon + 1);
     operand.hasPath = true;
     image = text.substr(0, colon);
-  } else if (text.size() > 1 && text.back() == ':') {
+  } else if (!text.empty() && text.back() == ':') {
     operand.hasPath = true;
     image.remove_suffix(1);
   }
