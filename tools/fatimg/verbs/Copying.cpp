@@ -33,8 +33,8 @@ CopyOptions CopyOptionsOf(const Context& context, const CopyingOptions& options)
   return copy;
 }
 
-void GatherImageItems(Context& context, const std::vector<Target>& sources, bool into, const CopyingOptions& options,
-                      std::vector<CopyItem>* items, std::vector<FailedItem>* failures) {
+void GatherImageItems(const Context& context, const std::vector<Target>& sources, bool into,
+                      const CopyingOptions& options, std::vector<CopyItem>* items, std::vector<FailedItem>* failures) {
   ImageTreeOptions tree;
   tree.recursive = options.recursive;
   tree.zone = Session::OptionsOf(context.options).zone;

@@ -35,8 +35,8 @@ CopyOptions CopyOptionsOf(const Context& context, const CopyingOptions& options)
 
 /// Gathers the items of image sources.
 /// @param into  each source goes into the destination under its name
-void GatherImageItems(Context& context, const std::vector<Target>& sources, bool into, const CopyingOptions& options,
-                      std::vector<CopyItem>* items, std::vector<FailedItem>* failures);
+void GatherImageItems(const Context& context, const std::vector<Target>& sources, bool into,
+                      const CopyingOptions& options, std::vector<CopyItem>* items, std::vector<FailedItem>* failures);
 
 }  // namespace fatimg
 

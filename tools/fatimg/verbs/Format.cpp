@@ -40,7 +40,7 @@ std::uint64_t Bytes(const std::string& text, const char* option, std::uint64_t m
 }
 
 fatlib::FormatOptions OptionsOf(const Context& context, const FormatVerbOptions& verb) {
-  constexpr std::uint64_t MOST_IN_32_BITS = 1u << 31;
+  constexpr std::uint64_t MOST_IN_32_BITS = std::uint64_t{1} << 31;
   const fatlib::VolumeOptions volume = Session::OptionsOf(context.options);
   std::timespec now{};
   std::timespec_get(&now, TIME_UTC);
