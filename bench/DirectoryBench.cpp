@@ -194,6 +194,7 @@ std::vector<double> Measured(BENCH& bench, unsigned int fatBits, BACKEND backend
 // The larger count against the smaller one.
 void Growth(BENCH& bench, NAMES names, const std::vector<unsigned int>& counts) {
   std::vector<std::vector<double>> ratios;
+  ratios.reserve(counts.size());
   for (unsigned int nFiles : counts) ratios.push_back(Measured(bench, 32, BACKEND::File, names, nFiles));
   for (unsigned int i = 0; i < std::size(STEPS); ++i) {
     bench.Report.Add({STEPS[i].Workload,

@@ -10,47 +10,63 @@ namespace {
 constexpr unsigned int FILE_BYTES = 256 * MIB;
 constexpr unsigned int BLOCK_BYTES = 256 * KIB;  // of the library's cache
 
+/// The raw calls that the library is measured against.
+class CRawStream {
+ public:
+  CRawStream(CMedium& medium, CBuffer& source, unsigned int request, bool file)
+      : m_Medium(medium), m_Source(source), m_Copy(request), m_nRequest(request), m_bFile(file) {}
+
+  // A block that a request overwrites in part only is read first, so the raw calls read it too. What was written into
+  // the cache goes to the file when its memory is needed for something else; with `atOnce` before the next request,
+  // while the processor still has all of it at hand.
+  void Write(bool atOnce) {
+    const unsigned int delay = atOnce || !m_bFile ? 0 : CRing::SIZE;
+    for (unsigned int offset = 0; offset < FILE_BYTES; offset += m_nRequest) {
+      unsigned char* cached = m_bFile ? m_Ring.Next(m_nRequest) : m_Source.Data();
+      if (delay != 0 && offset >= delay) m_Medium.Write(cached, m_nRequest, BASE + offset - delay);
+      if (m_nRequest < BLOCK_BYTES) m_Medium.Read(m_bFile ? cached : m_Copy.Data(), m_nRequest, BASE + offset);
+      if (m_bFile) std::memcpy(cached, m_Source.Data(), m_nRequest);
+      if (delay == 0) m_Medium.Write(cached, m_nRequest, BASE + offset);
+    }
+    for (unsigned int offset = FILE_BYTES - delay; offset < FILE_BYTES; offset += m_nRequest) {
+      m_Medium.Write(m_Ring.Next(m_nRequest), m_nRequest, BASE + offset);
+    }
+  }
+
+  void Read(unsigned char* target) {
+    for (unsigned int offset = 0; offset < FILE_BYTES; offset += m_nRequest) {
+      unsigned char* cached = m_Ring.Next(m_nRequest);
+      m_Medium.Read(cached, m_nRequest, BASE + offset);
+      if (m_bFile) std::memcpy(target, cached, m_nRequest);
+    }
+  }
+
+ private:
+  static constexpr unsigned long long BASE = 32ULL * MIB;
+  CMedium& m_Medium;
+  CBuffer& m_Source;
+  CBuffer m_Copy;
+  CRing m_Ring;
+  unsigned int m_nRequest;
+  bool m_bFile;
+};
+
 void Stream(BENCH& bench, const std::string& directory, unsigned int fatBits, BACKEND backend, unsigned int request) {
   const VOLUME volume = {fatBits, backend, 320ULL * MIB, fatBits == 32 ? 8u : 16u};
   const bool file = backend == BACKEND::File;
   CMedium medium(directory, volume);
   CMedium raw(directory, volume);
   CBuffer buffer(request);
-  CBuffer copy(request);
-  CRing ring;
   CBuffer target(request);
   buffer.MakeBinary();
-  const unsigned long long rawBase = 32ULL * MIB;
-  // A block that a request overwrites in part only is read first, so the raw calls read it too. What was written into
-  // the cache goes to the file when its memory is needed for something else; with `atOnce` before the next request,
-  // while the processor still has all of it at hand.
-  const auto rawWritePass = [&](bool atOnce) {
-    const unsigned int delay = atOnce || !file ? 0 : CRing::SIZE;
-    for (unsigned int offset = 0; offset < FILE_BYTES; offset += request) {
-      unsigned char* cached = file ? ring.Next(request) : buffer.Data();
-      if (delay != 0 && offset >= delay) raw.Write(cached, request, rawBase + offset - delay);
-      if (request < BLOCK_BYTES) raw.Read(file ? cached : copy.Data(), request, rawBase + offset);
-      if (file) std::memcpy(cached, buffer.Data(), request);
-      if (delay == 0) raw.Write(cached, request, rawBase + offset);
-    }
-    for (unsigned int offset = FILE_BYTES - delay; offset < FILE_BYTES; offset += request) {
-      raw.Write(ring.Next(request), request, rawBase + offset);
-    }
-  };
-  const auto rawReadPass = [&] {
-    for (unsigned int offset = 0; offset < FILE_BYTES; offset += request) {
-      unsigned char* cached = ring.Next(request);
-      raw.Read(cached, request, rawBase + offset);
-      if (file) std::memcpy(target.Data(), cached, request);
-    }
-  };
+  CRawStream calls(raw, buffer, request, file);
   {
     // The first pass over either medium pays for its pages: it is not measured.
     CMounted mounted(medium);
     CHandle handle(CHandle::Create("big", FILE_BYTES));
     for (unsigned int offset = 0; offset < FILE_BYTES; offset += request) handle.Write(offset, request, buffer.Data());
   }
-  rawWritePass(true);
+  calls.Write(true);
 
   std::vector<double> writes;
   std::vector<double> writesAtOnce;
@@ -59,8 +75,8 @@ void Stream(BENCH& bench, const std::string& directory, unsigned int fatBits, BA
   TRAFFIC readBack;
   CChecksum checksum;
   for (unsigned int round = 0; round < ROUNDS; ++round) {
-    const double rawWrite = Measure([&] { rawWritePass(false); });
-    const double rawWriteAtOnce = file ? Measure([&] { rawWritePass(true); }) : rawWrite;
+    const double rawWrite = Measure([&] { calls.Write(false); });
+    const double rawWriteAtOnce = file ? Measure([&] { calls.Write(true); }) : rawWrite;
     {
       written = TRAFFIC();
       CMounted mounted(medium, &written);
@@ -75,7 +91,7 @@ void Stream(BENCH& bench, const std::string& directory, unsigned int fatBits, BA
       writes.push_back(write / rawWrite);
       writesAtOnce.push_back(write / rawWriteAtOnce);
     }
-    const double rawRead = Measure(rawReadPass);
+    const double rawRead = Measure([&] { calls.Read(target.Data()); });
     {
       readBack = TRAFFIC();
       CMounted mounted(medium, &readBack);
