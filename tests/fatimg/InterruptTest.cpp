@@ -33,10 +33,12 @@ TEST(Interrupt, IgnoredSignal_StaysIgnored) {
 }
 
 TEST(Interrupt, Destructor_RestoresWhatTheSignalsDid) {
+  const auto before = signal(SIGINT, SIG_DFL);  // a shell starts programs in the background with it ignored
   { const Interrupt interrupt; }
   struct sigaction action {};
   ASSERT_EQ(0, sigaction(SIGINT, nullptr, &action));
   EXPECT_EQ(SIG_DFL, action.sa_handler);
+  signal(SIGINT, before);
 }
 
 }  // namespace
