@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "Error.h"
+#include "Narrow.h"
 
 namespace fatlib {
 
@@ -22,8 +23,6 @@ constexpr std::uint32_t MAX_FAT16_CLUSTERS = 0xFFF6;
 constexpr std::uint32_t MAX_FAT32_CLUSTERS = 0x0FFFFFF6;
 constexpr std::uint32_t MIRRORING_OFF = 0x80;
 constexpr std::uint16_t NO_SECTOR = 0xFFFF;
-
-bool IsPowerOfTwo(std::uint32_t value) { return value != 0 && (value & (value - 1)) == 0; }
 
 bool IsMedia(std::uint8_t media) { return media == 0xF0 || (media >= 0xF8 && media != 0xFA); }
 

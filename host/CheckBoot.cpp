@@ -74,7 +74,7 @@ void CheckBackup(const Medium& medium, const BootSector& boot, DefectList* defec
 void CheckFsInfo(const Medium& medium, DefectList* defects) {
   const Geometry& geometry = medium.Layout();
   FsInfoSector info;
-  if (geometry.type != FatType::Fat32 || geometry.fsInfoSector == 0) return;
+  if (!geometry.HasFsInfo()) return;
   if (!ReadSector(medium, geometry.fsInfoSector, defects, &info)) return;
   if (geometry.fsInfoSector >= geometry.reservedSectors || !info.IsValid()) {
     defects->Add(Defect::FsInfoInvalid, geometry.fsInfoSector);

@@ -78,9 +78,9 @@ class LostCheck {
 
   void CompareFsInfo() {
     FsInfoSector info;
-    if (m_Geometry.type != FatType::Fat32 || m_Geometry.fsInfoSector == 0) return;
-    const std::uint64_t position = std::uint64_t{m_Geometry.fsInfoSector} * m_Geometry.bytesPerSector;
-    if (m_pMedium->Base()->Read(position, &info, sizeof info) || !info.IsValid()) return;  // told before
+    if (!m_Geometry.HasFsInfo()) return;
+    if (m_pMedium->Base()->Read(m_Geometry.FsInfoPosition(), &info, sizeof info) || !info.IsValid())
+      return;  // told before
     const std::uint32_t says = info.freeClusters.Load();
     if (says != FsInfoSector::UNKNOWN && says != m_pReport->freeClusters) {
       m_Defects.Add(Defect::FsInfoWrongCount, says, m_pReport->freeClusters);

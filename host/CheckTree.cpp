@@ -21,7 +21,6 @@ namespace fatlib {
 
 namespace {
 
-constexpr std::uint32_t SLOT_BYTES = 32;
 constexpr std::uint64_t MAX_SLOTS_READ = 1u << 20;
 constexpr std::size_t MAX_PATH_UNITS = 4096;
 constexpr std::size_t ROOT_NODE = 0;
@@ -72,7 +71,7 @@ class TreeCheck {
   void CheckFile(std::size_t directory, const RawEntry& entry);
   void CheckSubdirectory(std::size_t directory, const RawEntry& entry);
   bool ClaimForDirectory(const ChainSurvey& chain, std::uint32_t first);
-  void TellChain(const std::string& path, const ChainSurvey& chain);
+  bool FollowChain(const std::string& path, std::uint32_t first, ChainSurvey* chain);
   void CompareLabels();
   void NameOwners();
   void NoteOwner(std::uint32_t first, std::size_t directory, const RawEntry* entry);
@@ -116,13 +115,9 @@ bool TreeCheck::OpenRoot() {
   m_Directories.push_back(root);
   if (m_Geometry.type != FatType::Fat32) return true;
   const std::uint32_t first = m_Geometry.rootCluster;
-  if (!m_Geometry.IsCluster(first)) {
-    m_Defects.Add(Defect::FirstClusterInvalid, "/", first);
-    return false;
-  }
+  ChainSurvey chain;
+  if (!FollowChain("/", first, &chain)) return false;
   m_Directories[ROOT_NODE].first = first;
-  const ChainSurvey chain = m_pUse->Follow(first);
-  TellChain("/", chain);
   return ClaimForDirectory(chain, first);
 }
 
@@ -221,17 +216,12 @@ void TreeCheck::CheckFile(std::size_t directory, const RawEntry& entry) {
     if (entry.size != 0) m_Defects.Add(Defect::SizeBeyondChain, path, entry.size, 0);
     return;
   }
-  if (!m_Geometry.IsCluster(entry.firstCluster)) {
-    m_Defects.Add(Defect::FirstClusterInvalid, path, entry.firstCluster);
-    return;
-  }
-  const ChainSurvey chain = m_pUse->Follow(entry.firstCluster);
-  TellChain(path, chain);
+  ChainSurvey chain;
+  if (!FollowChain(path, entry.firstCluster, &chain)) return;
   m_pReport->runs += chain.runs;
   if (chain.runs > 1) ++m_pReport->fragmentedFiles;
   if (chain.end != ChainSurvey::Ended) return;
-  const std::uint32_t needed =
-      entry.size / m_Geometry.bytesPerCluster + (entry.size % m_Geometry.bytesPerCluster != 0 ? 1 : 0);
+  const std::uint32_t needed = m_Geometry.ClustersOf(entry.size);
   if (chain.clusters < needed) m_Defects.Add(Defect::SizeBeyondChain, path, entry.size, chain.clusters);
   if (chain.clusters > needed) m_Defects.Add(Defect::ChainBeyondSize, path, entry.size, chain.clusters);
 }
@@ -243,13 +233,9 @@ void TreeCheck::CheckSubdirectory(std::size_t directory, const RawEntry& entry) 
     m_Defects.Add(Defect::EmptyDirectoryChain, path);
     return;
   }
-  if (!m_Geometry.IsCluster(entry.firstCluster)) {
-    m_Defects.Add(Defect::FirstClusterInvalid, path, entry.firstCluster);
-    return;
-  }
-  const ChainSurvey chain = m_pUse->Follow(entry.firstCluster);
-  TellChain(path, chain);
-  const std::uint64_t slots = std::uint64_t{chain.clusters} * m_Geometry.bytesPerCluster / SLOT_BYTES;
+  ChainSurvey chain;
+  if (!FollowChain(path, entry.firstCluster, &chain)) return;
+  const std::uint64_t slots = std::uint64_t{chain.clusters} * m_Geometry.bytesPerCluster / Geometry::SLOT_BYTES;
   if (slots > Medium::MAX_DIRECTORY_SLOTS) m_Defects.Add(Defect::DirectoryTooLong, path, slots);
   if (slots > MAX_SLOTS_READ) return;
   DirectoryNode node;
@@ -277,11 +263,18 @@ bool TreeCheck::ClaimForDirectory(const ChainSurvey& chain, std::uint32_t first)
   return true;
 }
 
-void TreeCheck::TellChain(const std::string& path, const ChainSurvey& chain) {
-  if (chain.crossLink != 0) m_Defects.Add(Defect::CrossLinked, path, chain.crossLink);
-  if (chain.end == ChainSurvey::Loops) m_Defects.Add(Defect::ChainLoops, path, chain.at);
-  if (chain.end == ChainSurvey::Broken) m_Defects.Add(Defect::ChainBroken, path, chain.at, chain.value);
-  if (chain.end == ChainSurvey::Unreadable) m_Defects.Add(Defect::Unreadable, path, m_Geometry.FatPosition(0));
+/// Tells what is wrong with a chain. @return false when it cannot begin there
+bool TreeCheck::FollowChain(const std::string& path, std::uint32_t first, ChainSurvey* chain) {
+  if (!m_Geometry.IsCluster(first)) {
+    m_Defects.Add(Defect::FirstClusterInvalid, path, first);
+    return false;
+  }
+  *chain = m_pUse->Follow(first);
+  if (chain->crossLink != 0) m_Defects.Add(Defect::CrossLinked, path, chain->crossLink);
+  if (chain->end == ChainSurvey::Loops) m_Defects.Add(Defect::ChainLoops, path, chain->at);
+  if (chain->end == ChainSurvey::Broken) m_Defects.Add(Defect::ChainBroken, path, chain->at, chain->value);
+  if (chain->end == ChainSurvey::Unreadable) m_Defects.Add(Defect::Unreadable, path, m_Geometry.FatPosition(0));
+  return true;
 }
 
 void TreeCheck::CompareLabels() {

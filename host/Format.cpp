@@ -115,7 +115,7 @@ class Formatter {
     info.trail.Store(FsInfoSector::TRAIL);
     info.freeClusters.Store(m_Geometry.clusters - 1);
     info.nextFree.Store(m_Geometry.rootCluster + 1);
-    const std::uint64_t first = std::uint64_t{m_Geometry.fsInfoSector} * m_Geometry.bytesPerSector;
+    const std::uint64_t first = m_Geometry.FsInfoPosition();
     const std::uint64_t backup = std::uint64_t{m_Geometry.backupBootSector} * m_Geometry.bytesPerSector;
     const std::error_code error = WriteSector(first, &info, sizeof info);
     return error ? error : WriteSector(backup + first, &info, sizeof info);
@@ -187,7 +187,7 @@ class Formatter {
     identity->mark = 0x29;
     identity->volumeId.Store(m_Geometry.volumeId);
     identity->label = m_Label;
-    StoreText(identity->type, "FAT" + std::to_string(static_cast<int>(m_Geometry.type)));
+    StoreText(identity->type, m_Geometry.TypeText());
   }
 
   std::error_code WriteSector(std::uint64_t position, const void* record, std::size_t size) {

@@ -11,6 +11,7 @@
 #include "Error.h"
 #include "Format.h"
 #include "Label.h"
+#include "Narrow.h"
 
 namespace fatlib {
 
@@ -185,8 +186,6 @@ Fit LayWithType(int bits, std::uint64_t sectors, const FormatOptions& options, G
   for (std::uint32_t size = first * 2; fit == Fit::TooMany && size <= last; size *= 2) fit = lay(size);
   return fit;
 }
-
-bool IsPowerOfTwo(std::uint32_t value) { return value != 0 && (value & (value - 1)) == 0; }
 
 bool AreOptionsPossible(const FormatOptions& options) {
   const std::uint32_t sector = options.bytesPerSector;

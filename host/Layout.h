@@ -32,6 +32,8 @@ struct Le32 {
 
 /// A short name, or a label: 11 bytes padded with spaces.
 using ShortName11 = std::array<std::uint8_t, 11>;
+inline constexpr ShortName11 DOT_NAME = {'.', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
+inline constexpr ShortName11 DOT_DOT_NAME = {'.', '.', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
 
 /// The part of the boot sector that says what the volume is called. FAT12 and FAT16 have it at 0x024, FAT32 at 0x040.
 struct BootIdentity {

@@ -24,6 +24,8 @@ enum class FatType { Fat12 = 12, Fat16 = 16, Fat32 = 32 };
 
 /// What a boot sector says, checked.
 struct Geometry {
+  static constexpr std::uint32_t SLOT_BYTES = 32;  ///< of one entry of a directory
+
   FatType type = FatType::Fat12;  ///< as the library sees it: FAT32 when the 16-bit FAT size is 0, else FAT12 up to
                                   ///< 4086 clusters, else FAT16
   bool ambiguous = false;         ///< 4085 or 4086 clusters: others take the volume for FAT16
@@ -54,6 +56,15 @@ struct Geometry {
     return (std::uint64_t{reservedSectors} + std::uint64_t{copy} * sectorsPerFat) * bytesPerSector;
   }
   std::uint64_t RootPosition() const { return FatPosition(fats); }  ///< bytes; of the fixed root
+  std::uint64_t FsInfoPosition() const { return std::uint64_t{fsInfoSector} * bytesPerSector; }  ///< bytes
+  bool HasFsInfo() const { return type == FatType::Fat32 && fsInfoSector != 0; }
+  /// Clusters that so many bytes take, which a file can have.
+  std::uint32_t ClustersOf(std::uint64_t bytes) const {
+    return static_cast<std::uint32_t>((bytes + bytesPerCluster - 1) / bytesPerCluster);
+  }
+  /// Entries of a directory that a cluster holds.
+  std::uint32_t SlotsPerCluster() const { return bytesPerCluster / SLOT_BYTES; }
+  std::string TypeText() const { return "FAT" + std::to_string(static_cast<int>(type)); }  ///< "FAT16"
 };
 
 enum Attribute : std::uint8_t {

@@ -93,8 +93,7 @@ std::error_code Medium::SetDotDot(DirectoryPlace place, std::uint32_t parent) {
   if (const std::error_code error = SlotPosition(place, DOT_DOT_SLOT, &position)) return Status::DiskCorrupt;
   ShortEntry stored;
   if (const std::error_code error = m_pState->pDevice->Read(position, &stored, sizeof stored)) return error;
-  const ShortName11 dotDot = {'.', '.', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
-  if (stored.name != dotDot) return Status::DiskCorrupt;
+  if (stored.name != DOT_DOT_NAME) return Status::DiskCorrupt;
   stored.clusterHigh.Store(parent >> 16);
   stored.clusterLow.Store(parent);
   return m_pState->pDevice->Write(position, &stored, sizeof stored);
@@ -102,8 +101,8 @@ std::error_code Medium::SetDotDot(DirectoryPlace place, std::uint32_t parent) {
 
 std::error_code Medium::WriteFsInfo() {
   const Geometry& geometry = m_pState->geometry;
-  if (geometry.type != FatType::Fat32 || geometry.fsInfoSector == 0) return {};
-  const std::uint64_t position = std::uint64_t{geometry.fsInfoSector} * geometry.bytesPerSector;
+  if (!geometry.HasFsInfo()) return {};
+  const std::uint64_t position = geometry.FsInfoPosition();
   FsInfoSector info;
   if (const std::error_code error = m_pState->pDevice->Read(position, &info, sizeof info)) return error;
   if (!info.IsValid()) return {};

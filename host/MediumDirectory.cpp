@@ -206,11 +206,7 @@ void Parser::CheckShort(const RawEntry& entry) {
 
 std::u16string RawEntry::ShortNameText() const { return ShortText(shortName, 0); }
 
-bool RawEntry::IsDot() const {
-  const std::size_t dots = shortName[1] == '.' ? 2 : 1;
-  return shortName[0] == '.' &&
-         std::all_of(shortName.begin() + dots, shortName.end(), [](int byte) { return byte == ' '; });
-}
+bool RawEntry::IsDot() const { return shortName == DOT_NAME || shortName == DOT_DOT_NAME; }
 
 // ---------------------------------------------------------------------------------------------- where slots lie
 

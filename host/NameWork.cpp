@@ -45,8 +45,8 @@ RawEntry RawOf(const NewEntry& what, NameForm form, const ShortName& shortName, 
                const Stamp& now) {
   RawEntry raw;
   raw.hasLongName = form != NameForm::Short;
-  raw.name = raw.hasLongName ? what.name : ShortNameText(shortName);
   raw.shortName = shortName;
+  raw.name = raw.hasLongName ? what.name : raw.ShortNameText();
   raw.attributes = what.attributes;
   raw.size = what.size;
   raw.times.created = now;
@@ -113,7 +113,9 @@ std::error_code CreateEntry(VolumeState* state, DirectoryNode* parent, const New
     LibraryUse::Number() = number;
     if (given != expected) {
       // Somebody else has used the counter. Once its place is known the name can be told again.
-      (void)LibraryUse::Number().GoOnFrom(ShortNameText(given));
+      RawEntry named;
+      named.shortName = given;
+      (void)LibraryUse::Number().GoOnFrom(named.ShortNameText());
       if (parent->HasShortName(given)) {
         (void)Fat_CloseFile(handle);
         if (Fat_DeleteFile(path.Get()) == 0) return state->ChangeFailed(failures, Status::DiskCorrupt);

@@ -6,6 +6,7 @@
 #ifndef FATLIB_PATH_H
 #define FATLIB_PATH_H
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -53,6 +54,10 @@ class Path {
 
 /// The rules of Path::Check for one name.
 [[nodiscard]] std::error_code CheckName(std::u16string_view name);
+
+/// Entries of 32 bytes that a name of Path::Check takes in its directory: 1 when it is an 8.3 name in ASCII, in any
+/// case; else one more for each 13 units.
+std::uint32_t SlotsOfName(std::u16string_view name);
 
 }  // namespace fatlib
 

@@ -71,8 +71,8 @@ std::error_code ChangeName(VolumeState* state, EntryNode* entry, const std::u16s
   (void)state->TimesOf(entry);  // the library has stamped the new entry
   std::unique_ptr<EntryNode> owned = directory->Extract(entry);
   entry->raw.hasLongName = FormOf(name, &shortName) != NameForm::Short;
-  entry->raw.name = entry->raw.hasLongName ? name : ShortNameText(shortName);
   entry->raw.shortName = shortName;
+  entry->raw.name = entry->raw.hasLongName ? name : entry->raw.ShortNameText();
   entry->raw.caseFlags = 0;
   entry->raw.firstSlot = plan.first;
   entry->raw.slots = SlotsOfName(name);

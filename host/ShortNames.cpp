@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "Path.h"
 #include "Text.h"
 
 namespace fatlib {
@@ -77,17 +78,6 @@ std::uint32_t SlotsOfName(std::u16string_view name) {
   ShortName ignored;
   if (FormOf(name, &ignored) == NameForm::Short) return 1;
   return (static_cast<std::uint32_t>(name.size()) + UNITS_PER_SLOT - 1) / UNITS_PER_SLOT + 1;
-}
-
-std::u16string ShortNameText(const ShortName& name) {
-  const auto text = [&name](std::size_t first, std::size_t count) {
-    std::u16string part(name.begin() + static_cast<std::ptrdiff_t>(first),
-                        name.begin() + static_cast<std::ptrdiff_t>(first + count));
-    part.erase(part.find_last_not_of(u' ') + 1);
-    return part;
-  };
-  const std::u16string extension = text(BASE, EXTENSION);
-  return text(0, BASE) + (extension.empty() ? u"" : u"." + extension);
 }
 
 void ShortNameNumber::Advance() {

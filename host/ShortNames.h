@@ -16,10 +16,11 @@
 #include <string>
 #include <string_view>
 
+#include "Layout.h"
+
 namespace fatlib {
 
-/// As it is stored: base and extension padded with spaces.
-using ShortName = std::array<unsigned char, 11>;
+using ShortName = ShortName11;
 
 struct ShortNameHash {
   std::size_t operator()(const ShortName& name) const;
@@ -34,12 +35,6 @@ enum class NameForm {
 
 /// @param shortName  out: the short name; unchanged when it is to be invented
 NameForm FormOf(std::u16string_view name, ShortName* shortName);
-
-/// Slots that the library needs for a name.
-std::uint32_t SlotsOfName(std::u16string_view name);
-
-/// A short name as BASE.EXT, as it is compared.
-std::u16string ShortNameText(const ShortName& name);
 
 /// Where the library's counter stands.
 struct ShortNameNumber {

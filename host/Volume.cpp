@@ -49,6 +49,13 @@ std::error_code FindToChange(VolumeState* state, const Path& path, EntryNode** e
 
 std::string Entry::Utf8Name() const { return ToUtf8(name); }
 
+std::timespec VolumeOptions::Now() const {
+  if (clock) return clock();
+  std::timespec now{};
+  (void)std::timespec_get(&now, TIME_UTC);
+  return now;
+}
+
 Volume::Volume() = default;
 Volume::Volume(Volume&&) noexcept = default;
 Volume::~Volume() { (void)Close(); }

@@ -108,6 +108,8 @@ struct VolumeOptions {
   Zone zone = Zone::Local;
   /// The time given to what is created and changed; the system's clock when empty.
   std::function<std::timespec()> clock;
+  /// That time.
+  std::timespec Now() const;
   bool times = true;  ///< keep modification times true, and write them at Sync; false: those of the library
 };
 

@@ -28,10 +28,6 @@ std::error_code VolumeState::NeedClusters(std::uint64_t clusters) {
   return clusters <= available ? Status::Success : Status::DiskFull;
 }
 
-std::uint32_t VolumeState::ClustersOf(std::uint64_t bytes) const {
-  return static_cast<std::uint32_t>((bytes + Layout().bytesPerCluster - 1) / Layout().bytesPerCluster);
-}
-
 std::error_code VolumeState::Plan(EntryNode* directory, std::uint32_t count, std::uint32_t clusters, SlotPlan* plan,
                                   const EntryNode* leaving, const EntryNode* alsoLeaving) {
   if (const std::error_code error = NeedClusters(clusters)) return error;

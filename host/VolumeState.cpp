@@ -194,23 +194,14 @@ void VolumeState::SuspectAll() { Suspect(&m_Root); }
 // ---------------------------------------------------------------------------------------------- times
 
 Stamp VolumeState::Now() const {
-  std::timespec now{};
-  if (m_Options.clock) {
-    now = m_Options.clock();
-  } else {
-    (void)std::timespec_get(&now, TIME_UTC);
-  }
+  const std::timespec now = m_Options.Now();
   return ToStamp(now.tv_sec, now.tv_nsec, m_Options.zone);
 }
 
 void VolumeState::MarkModified(EntryNode* entry) {
   entry->ahead = true;
   MarkChanged(entry->parent);
-  if (m_Options.clock) {
-    entry->modifiedAt = m_Options.clock();
-  } else {
-    (void)std::timespec_get(&entry->modifiedAt, TIME_UTC);
-  }
+  entry->modifiedAt = m_Options.Now();
   entry->modified = true;
 }
 

@@ -137,8 +137,8 @@ class VolumeState {
   [[nodiscard]] std::error_code NeedClusters(std::uint64_t clusters);
   void TakeClusters(std::uint64_t clusters) { m_nFree -= static_cast<std::uint32_t>(clusters); }
   void ReturnClusters(std::uint64_t clusters) { m_nFree += static_cast<std::uint32_t>(clusters); }
-  std::uint32_t ClustersOf(std::uint64_t bytes) const;
-  std::uint32_t SlotsPerCluster() const { return Layout().bytesPerCluster / 32; }
+  std::uint32_t ClustersOf(std::uint64_t bytes) const { return Layout().ClustersOf(bytes); }
+  std::uint32_t SlotsPerCluster() const { return Layout().SlotsPerCluster(); }
   /// Finds out where the library will put an entry set of `count` slots, and makes the directory larger when it would
   /// have to slide others together. Detaches for that.
   /// @param clusters  needed besides

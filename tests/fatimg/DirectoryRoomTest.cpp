@@ -1,11 +1,14 @@
 /// @file DirectoryRoomTest.cpp
 
+#include <fatlib/Path.h>
 #include <gtest/gtest.h>
 
 #include "DirectoryRoom.h"
 
 namespace fatimg {
 namespace {
+
+using fatlib::SlotsOfName;
 
 constexpr std::uint32_t IN_CLUSTER = 16;
 

@@ -11,8 +11,8 @@
 #include <iterator>
 #include <ostream>
 
-#include "../../fuzz/SparseImage.h"
 #include "CheckedVolume.h"
+#include "support/CorpusImage.h"
 #include "support/Process.h"
 
 namespace {
@@ -165,24 +165,13 @@ TEST(HealthyVolumes, FormattedHereAndFilledByTheLibraryHaveNoDefect) {
 
 // ---------------------------------------------------------------------------------------------- damaged volumes
 
-CDiskImage LoadSparse(const fs::path& path) {
-  const BYTES bytes = ReadHostFile(path.string());
-  CInput input(bytes.data(), bytes.size());
-  const SPARSE_IMAGE sparse = SPARSE_IMAGE::Parse(input);
-  CDiskImage image(sparse.Size());
-  sparse.Place([&image](std::uint32_t offset, const std::uint8_t* from, std::uint32_t count) {
-    image.Write(offset, from, count);
-  });
-  return image;
-}
-
 // Both ways: no image of this folder is wrong for one of them and right for the other.
 TEST(CheckAgreement, DamagedImagesHaveDefectsWhereFsckComplains) {
   const CTempDir directory;
   unsigned int images = 0;
   for (const fs::directory_entry& file : fs::directory_iterator(std::string(FATLIB_CORPUS) + "/image")) {
     SCOPED_TRACE(file.path().filename());
-    const CDiskImage image = LoadSparse(file.path());
+    const CDiskImage image = LoadCorpusImage(file.path());
     const std::string path = directory / file.path().filename().string();
     image.ToFile(path);
     const CheckReport report = CheckImage(image);

@@ -12,13 +12,11 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <ostream>
 
-#include "../../fuzz/SparseImage.h"
 #include "ImageDevice.h"
+#include "support/CorpusImage.h"
 #include "support/ImageBuilder.h"
 #include "support/Process.h"
 
@@ -193,23 +191,6 @@ class CTwoViews {
   unsigned int m_nLeft = 0;  // how many more entries are looked at: directories may contain each other
 };
 
-std::vector<std::uint8_t> ReadCorpus(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  EXPECT_TRUE(file.is_open()) << path;
-  return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(file), {});
-}
-
-CDiskImage LoadImage(const std::filesystem::path& path) {
-  const std::vector<std::uint8_t> bytes = ReadCorpus(path);
-  CInput input(bytes.data(), bytes.size());
-  const SPARSE_IMAGE sparse = SPARSE_IMAGE::Parse(input);
-  CDiskImage image(sparse.Size());
-  sparse.Place([&image](std::uint32_t offset, const std::uint8_t* from, std::uint32_t count) {
-    image.Write(offset, from, count);
-  });
-  return image;
-}
-
 std::vector<std::filesystem::path> FilesOf(const char* folder) {
   std::vector<std::filesystem::path> files;
   for (const auto& file : std::filesystem::directory_iterator(std::string(FATLIB_CORPUS) + "/" + folder)) {
@@ -223,7 +204,7 @@ TEST(MediumAgreement, DamagedImagesListAsTheLibraryListsThem) {
   unsigned int directories = 0;
   for (const std::filesystem::path& file : FilesOf("image")) {
     SCOPED_TRACE(file.filename());
-    CTwoViews views(LoadImage(file));
+    CTwoViews views(LoadCorpusImage(file));
     ASSERT_FALSE(views.OpenMedium());
     if (views.IsMounted()) directories += views.CompareAll();
   }
@@ -238,7 +219,7 @@ TEST(MediumAgreement, BootSectorsAreRefusedAsTheLibraryRefusesThem) {
   unsigned int refused = 0;
   for (const std::filesystem::path& file : FilesOf("mount")) {
     SCOPED_TRACE(file.filename());
-    CTwoViews views(LoadImage(file));
+    CTwoViews views(LoadCorpusImage(file));
     const std::error_code error = views.OpenMedium();
     if (views.IsMounted()) {
       EXPECT_FALSE(error) << error.message();
@@ -258,7 +239,7 @@ TEST(MediumAgreement, BootSectorsAreRefusedAsTheLibraryRefusesThem) {
 TEST(MediumAgreement, DamagedDirectoriesListAsTheLibraryListsThem) {
   for (const std::filesystem::path& file : FilesOf("directory")) {
     SCOPED_TRACE(file.filename());
-    std::vector<std::uint8_t> slots = ReadCorpus(file);
+    std::vector<std::uint8_t> slots = ReadCorpusFile(file);
     slots.erase(slots.begin());  // says where a fuzzer puts them
     FAT_GEOMETRY geometry;
     geometry.FatBits = 12;

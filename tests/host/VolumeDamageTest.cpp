@@ -7,8 +7,8 @@
 #include <iostream>
 #include <random>
 
-#include "../../fuzz/SparseImage.h"
 #include "VolumeFixture.h"
+#include "support/CorpusImage.h"
 #include "support/ImageBuilder.h"
 
 using fatlib::Access;
@@ -163,14 +163,7 @@ TEST(VolumeDamage, ImagesOfEveryKind_AreWalkedAndChangedWithoutHarm) {
   unsigned int opened = 0;
   for (const auto& file : std::filesystem::directory_iterator(std::string(FATLIB_CORPUS) + "/image")) {
     SCOPED_TRACE(file.path().filename());
-    const std::vector<unsigned char> bytes = ReadHostFile(file.path().string());
-    CInput input(bytes.data(), bytes.size());
-    const SPARSE_IMAGE sparse = SPARSE_IMAGE::Parse(input);
-    CDiskImage image(sparse.Size());
-    sparse.Place([&image](std::uint32_t offset, const std::uint8_t* from, std::uint32_t count) {
-      image.Write(offset, from, count);
-    });
-    if (OpenAndWalk(image.ToVector())) ++opened;
+    if (OpenAndWalk(LoadCorpusImage(file.path()).ToVector())) ++opened;
   }
   EXPECT_GT(opened, 50u);
 }

@@ -4,35 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <ostream>
 
-#include "../../fuzz/SparseImage.h"
 #include "filesystem/FatFileSystem.h"
+#include "support/CorpusImage.h"
 #include "support/LibFixture.h"
 
 namespace {
 
 constexpr unsigned int SECTOR = 512;
-
-std::vector<std::uint8_t> ReadCorpus(const std::string& name) {
-  std::ifstream file(std::string(FATLIB_CORPUS) + "/" + name, std::ios::binary);
-  EXPECT_TRUE(file.is_open()) << name;
-  return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(file), {});
-}
-
-// The image of a corpus file, as long as it says.
-CDiskImage LoadImage(const std::string& name) {
-  const std::vector<std::uint8_t> bytes = ReadCorpus(name);
-  CInput input(bytes.data(), bytes.size());
-  const SPARSE_IMAGE sparse = SPARSE_IMAGE::Parse(input);
-  CDiskImage image(sparse.Size());
-  sparse.Place([&image](std::uint32_t offset, const std::uint8_t* from, std::uint32_t count) {
-    image.Write(offset, from, count);
-  });
-  return image;
-}
 
 // The bytes of every healthy file: the alphabet over and over.
 std::vector<unsigned char> Letters(std::size_t count) {
@@ -83,14 +63,14 @@ class CDamagedImage : public CLibFixture, public ::testing::WithParamInterface<N
  protected:
   // Mounts the parameter's image in the folder, on memory: every transfer beyond the volume's end fails.
   void MountImage(const std::string& folder) {
-    m_Image = LoadImage(folder + "/" + GetParam().Name);
+    m_Image = LoadCorpusImage(folder + "/" + GetParam().Name);
     if (m_Image.Size() < VolumeBytes(m_Image)) m_Image.Resize(VolumeBytes(m_Image));
     m_pMounted = Mount(BACKEND::Memory, &m_Image);
     ASSERT_NE(m_pMounted, nullptr);
   }
   // The same for one without parameter.
   void MountNamed(const std::string& name) {
-    m_Image = LoadImage(name);
+    m_Image = LoadCorpusImage(name);
     m_pMounted = Mount(BACKEND::Memory, &m_Image);
     ASSERT_NE(m_pMounted, nullptr) << name;
   }
@@ -361,7 +341,7 @@ TEST_F(DenseDirectory, ThatContainsItself_IsEntered) {
 class RefusedVolume : public CDamagedImage {};
 
 TEST_P(RefusedVolume, IsNotMounted_AndNothingIsWritten) {
-  CMedium medium(LoadImage("mount/" + GetParam().Name));
+  CMedium medium(LoadCorpusImage("mount/" + GetParam().Name));
   CFatFileSystem* mounted = MountMedium(medium);
   EXPECT_EQ(mounted, nullptr);
   EXPECT_EQ(medium.Writes(), 0u);
@@ -442,7 +422,7 @@ class EmptyVolume : public CDamagedImage {};
 
 TEST_P(EmptyVolume, IsMounted_AndHasNoFiles) {
   // On a device: what lies behind the end of the medium reads as zeros.
-  CMedium medium(LoadImage("mount/" + GetParam().Name));
+  CMedium medium(LoadCorpusImage("mount/" + GetParam().Name));
   CFatFileSystem* mounted = MountMedium(medium);
   ASSERT_NE(mounted, nullptr);
   EXPECT_FALSE(Exists("FILE.BIN"));
@@ -514,7 +494,7 @@ class DirectorySlots : public CLibFixture, public ::testing::WithParamInterface<
     FAT_GEOMETRY geometry;
     geometry.FatBits = 12;
     CImageBuilder builder(geometry);
-    const std::vector<std::uint8_t> bytes = ReadCorpus("directory/" + name);
+    const std::vector<std::uint8_t> bytes = ReadCorpusFile("directory/" + name);
     std::vector<std::uint32_t> clusters;
     for (std::size_t at = 1; at < bytes.size() + 2 * 32; at += SECTOR) {
       clusters.push_back(3 + static_cast<std::uint32_t>(clusters.size()));

@@ -7,28 +7,6 @@
 
 namespace fatimg {
 
-namespace {
-
-bool IsShortNameUnit(char16_t unit) {
-  constexpr std::u16string_view REFUSED = u"\"*+,./:;<=>?[\\]|\x7F";
-  return unit > 0x20 && unit < 0x80 && REFUSED.find(unit) == std::u16string_view::npos;
-}
-
-bool IsShortName(std::u16string_view name) {
-  const std::size_t dot = name.find(u'.');
-  const std::u16string_view base = name.substr(0, dot);
-  const std::u16string_view extension = dot == std::u16string_view::npos ? name.substr(0, 0) : name.substr(dot + 1);
-  return !base.empty() && base.size() <= 8 && extension.size() <= 3 &&
-         std::all_of(base.begin(), base.end(), IsShortNameUnit) &&
-         std::all_of(extension.begin(), extension.end(), IsShortNameUnit);
-}
-
-}  // namespace
-
-std::uint32_t SlotsOfName(std::u16string_view name) {
-  return IsShortName(name) ? 1 : 1 + static_cast<std::uint32_t>((name.size() + 12) / 13);
-}
-
 DirectoryRoom::DirectoryRoom(const std::vector<bool>& used, std::uint32_t slotsPerCluster)
     : m_nSlots(static_cast<std::uint32_t>(used.size())), m_nSlotsPerCluster(slotsPerCluster) {
   for (const bool taken : used) {

@@ -1,19 +1,15 @@
 /// @file DirectoryRoom.h
-/// How many clusters a directory will gain by names that are to be created in it. An entry takes one slot of 32 bytes,
-/// and one more for each 13 units of a long name; they lie side by side, in the first gap that is long enough, else at
-/// the end, where the directory grows by clusters.
+/// How many clusters a directory will gain by names that are to be created in it. The slots of an entry
+/// (fatlib::SlotsOfName) lie side by side, in the first gap that is long enough, else at the end, where the directory
+/// grows by clusters.
 
 #ifndef FATIMG_DIRECTORYROOM_H
 #define FATIMG_DIRECTORYROOM_H
 
 #include <cstdint>
-#include <string_view>
 #include <vector>
 
 namespace fatimg {
-
-/// Slots that the entry of a name takes: 1 when the name is an 8.3 name in ASCII, in any case.
-std::uint32_t SlotsOfName(std::u16string_view name);
 
 class DirectoryRoom {
  public:

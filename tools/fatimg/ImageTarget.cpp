@@ -11,7 +11,6 @@ namespace fatimg {
 
 namespace {
 
-constexpr std::uint32_t SLOT_BYTES = 32;
 constexpr std::uint8_t STORED_ATTRIBUTES = fatlib::READ_ONLY | fatlib::HIDDEN | fatlib::SYSTEM | fatlib::ARCHIVE;
 
 /// Follows the directories of a path on the medium.
@@ -73,7 +72,7 @@ std::error_code ImageTarget::LoadFolder(const fatlib::Path& path, Folder** folde
   }
   for (const fatlib::Entry& entry : directory) {
     (*folder)->children[Key(entry.name)] = {entry.IsDirectory(), entry.size};
-    (*folder)->slots += SlotsOfName(entry.name);
+    (*folder)->slots += fatlib::SlotsOfName(entry.name);
   }
   return {};
 }
@@ -112,7 +111,7 @@ std::error_code ImageTarget::UsedSlots(const fatlib::Path& path, const Folder& f
     used->assign(layout.rootEntries, false);
     for (std::uint32_t i = 0; i < folder.slots && i < layout.rootEntries; ++i) (*used)[i] = true;
   } else {
-    const std::uint32_t inCluster = layout.bytesPerCluster / SLOT_BYTES;
+    const std::uint32_t inCluster = layout.SlotsPerCluster();
     used->assign(std::size_t{(folder.slots + inCluster - 1) / inCluster} * inCluster, true);
   }
   return {};
@@ -124,7 +123,7 @@ std::error_code ImageTarget::LoadRoom(const fatlib::Path& path, Folder* folder) 
   const bool fixed = path.IsRoot() && layout.rootEntries != 0;
   std::vector<bool> used;
   if (const std::error_code error = UsedSlots(path, *folder, &used)) return error;
-  folder->room = DirectoryRoom(used, fixed ? 0 : layout.bytesPerCluster / SLOT_BYTES);
+  folder->room = DirectoryRoom(used, fixed ? 0 : layout.SlotsPerCluster());
   folder->hasRoom = true;
   return {};
 }
@@ -135,11 +134,11 @@ std::error_code ImageTarget::PlanEntry(const fatlib::Path& relative, bool direct
   if (const std::error_code error = LoadFolder(path.Parent(), &folder)) return error;
   if (const std::error_code error = LoadRoom(path.Parent(), folder)) return error;
   std::uint32_t grown = 0;
-  if (!folder->room.Take(SlotsOfName(path.Name()), &grown)) return fatlib::Status::DiskFull;
+  if (!folder->room.Take(fatlib::SlotsOfName(path.Name()), &grown)) return fatlib::Status::DiskFull;
   *units = grown;
   if (directory) {
     Folder made;
-    made.room = DirectoryRoom::OfNewDirectory(m_pVolume->Layout().bytesPerCluster / SLOT_BYTES);
+    made.room = DirectoryRoom::OfNewDirectory(m_pVolume->Layout().SlotsPerCluster());
     made.hasRoom = true;
     m_Folders.insert_or_assign(KeyOf(path), std::move(made));
     ++*units;

@@ -39,7 +39,7 @@ Exit RunDf(Context& context, const DfOptions& options) {
       if (error) throw Failure(error, operand.ImageText());
       const std::uint64_t total = std::uint64_t{layout.clusters} * layout.bytesPerCluster;
       const std::uint64_t free = std::uint64_t{freeClusters} * layout.bytesPerCluster;
-      const std::string type = "FAT" + std::to_string(static_cast<int>(layout.type));
+      const std::string type = layout.TypeText();
       rows.push_back({context.report.Shown(operand.ImageText()), type, bytes(total), bytes(total - free), bytes(free),
                       Percent(total - free, total), context.report.Shown(fatlib::ToUtf8(label))});
       Json json;

@@ -42,9 +42,7 @@ std::uint64_t Bytes(const std::string& text, const char* option, std::uint64_t m
 fatlib::FormatOptions OptionsOf(const Context& context, const FormatVerbOptions& verb) {
   constexpr std::uint64_t MOST_IN_32_BITS = std::uint64_t{1} << 31;
   const fatlib::VolumeOptions volume = Session::OptionsOf(context.options);
-  std::timespec now{};
-  std::timespec_get(&now, TIME_UTC);
-  if (volume.clock) now = volume.clock();
+  const std::timespec now = volume.Now();
   fatlib::FormatOptions options;
   options.bits = verb.bits.empty() ? 0 : std::stoi(verb.bits);
   options.bytesPerSector = static_cast<std::uint32_t>(Bytes(verb.sector, "--sector", MOST_IN_32_BITS));
@@ -128,7 +126,7 @@ Exit RunFormat(Context& context, const FormatVerbOptions& verb) {
                         std::to_string(geometry.clusters) + " clusters of " + std::to_string(geometry.bytesPerCluster) +
                         " bytes, " + id.data());
   Json& object = context.report.Object();
-  object["type"] = "FAT" + std::to_string(static_cast<int>(geometry.type));
+  object["type"] = geometry.TypeText();
   object["bytesPerSector"] = geometry.bytesPerSector;
   object["bytesPerCluster"] = geometry.bytesPerCluster;
   object["clusters"] = geometry.clusters;

@@ -112,7 +112,7 @@ Exit ShowVolume(Context& context, const Operand& operand) {
   if (!error) error = fatlib::Check(medium, &found);
   if (error) throw Failure(error, operand.ImageText());
   const fatlib::Geometry& layout = medium->Layout();
-  const std::string type = "FAT" + std::to_string(static_cast<int>(layout.type));
+  const std::string type = layout.TypeText();
 
   Json& json = context.report.Object();
   json["image"] = operand.ImageText();

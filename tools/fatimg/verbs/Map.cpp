@@ -20,7 +20,7 @@ Json FixedRootJson(const fatlib::Geometry& layout, std::uint64_t imageOffset) {
   run["offset"] = 0;
   run["cluster"] = nullptr;
   run["clusters"] = 0;
-  run["bytes"] = std::uint64_t{layout.rootEntries} * 32;
+  run["bytes"] = std::uint64_t{layout.rootEntries} * fatlib::Geometry::SLOT_BYTES;
   run["position"] = imageOffset + layout.RootPosition();
   return Json::array({run});
 }

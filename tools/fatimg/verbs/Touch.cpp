@@ -42,11 +42,9 @@ std::timespec TimeOf(Context& context, const TouchOptions& options, const fatlib
     throw Failure(Exit::Usage, {}, "--date and --reference do not go together");
   }
   if (!options.reference.empty()) return TimeOfReference(context, options.reference, volume.zone);
+  if (options.date.empty()) return volume.Now();
   std::timespec time{};
-  if (options.date.empty()) {
-    if (volume.clock) return volume.clock();
-    std::timespec_get(&time, TIME_UTC);
-  } else if (!ParseTime(options.date, volume.zone, &time)) {
+  if (!ParseTime(options.date, volume.zone, &time)) {
     throw Failure(Exit::Usage, options.date,
                   "is no time from 1980 to 2107; write 2026-03-14T15:09:26, 2026-03-14 or @SECONDS");
   }
