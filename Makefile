@@ -51,8 +51,7 @@ docs: ## make the API reference in build/reference, from the public headers
 
 analyse: ## run clang-tidy and cppcheck
 	@scripts/setup analyse
-	@cmake --preset x64-asan >/dev/null
-	@scripts/analyse build/x64-asan
+	@scripts/analyse
 
 coverage: ## run the tests and print which lines and branches of the library they reach
 	@scripts/setup coverage

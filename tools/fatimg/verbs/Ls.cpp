@@ -121,6 +121,7 @@ class Lister {
       return;
     }
     std::vector<std::string> names;
+    names.reserve(nodes.size());
     for (const Node& node : nodes) names.push_back(NameOf(node, directory != nullptr));
     const std::size_t width = m_Options.onePerLine ? 0 : TerminalWidth();
     if (m_Options.details) {

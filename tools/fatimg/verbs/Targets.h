@@ -48,10 +48,11 @@ struct Destination {
                       ///< becomes it, and its parent exists
 };
 
+/// @param text       an operand with a path
 /// @param several    more than one source: the destination must be a directory that exists
 /// @param recursive  a single source may be a directory, so that "IMAGE:/NEW/" can become it
 /// @throws Failure
-Destination DestinationOf(Context& context, const std::string& operand, bool several, bool recursive);
+Destination DestinationOf(Context& context, const std::string& text, bool several, bool recursive);
 
 }  // namespace fatimg
 

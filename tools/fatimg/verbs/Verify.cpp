@@ -37,7 +37,7 @@ class Verifier {
     const std::vector<Sight> sights = LookAt(m_Context, {m_Options.operand});
     if (sights.size() > 1) throw Failure(Exit::Usage, m_Options.operand, "the pattern fits several paths");
     if (!sights.empty()) {
-      m_pSight = &sights[0];
+      m_pSight = sights.data();
       CollectBelow(m_pSight->node, "");
       CompareAll();
     }
