@@ -28,7 +28,7 @@ int CFatBitmap::LoadBitmapFromTable(CFatTable* table, FAT_IDX_BITS bits, unsigne
   }
   for (SEARCHED& searched : m_Searched) searched = {};
   m_nHint = FIRST_CLUSTER;
-  (void)FindNextForward_0_Run(FIRST_CLUSTER, &m_nHint);  // without a free cluster the hint stays
+  (void)FindNextForward_0_Bit(FIRST_CLUSTER, &m_nHint);  // without a free cluster the hint stays
   return status;
 }
 
@@ -111,7 +111,7 @@ void CFatBitmap::ClearFreeBits(const unsigned char* data, FAT_IDX_BITS bits, uns
 
 // Moves the hint to the first free cluster at or after `from`. When `from` is the end of the map it becomes that; when
 // no free cluster follows it stays: nothing below it was freed.
-void CFatBitmap::AdvanceHint(unsigned int from) { (void)FindNextForward_0_Run(from, &m_nHint); }
+void CFatBitmap::AdvanceHint(unsigned int from) { (void)FindNextForward_0_Bit(from, &m_nHint); }
 
 // Find_0_Bits(count, m_nHint), but what the last search for about as much has passed over is not searched again: on a
 // fragmented volume every growth of a file would walk the whole map.

@@ -318,15 +318,19 @@ unsigned CBitmap::FirstFit(unsigned count, unsigned from, unsigned lastStart, WO
 
 // ---------------------------------------------------------------------------------------------------- run searches
 
-unsigned CBitmap::FindNextForward_0_Run(unsigned from, unsigned* start) const {
+bool CBitmap::FindNextForward_0_Bit(unsigned from, unsigned* start) const {
   if (from >= m_nBits) {
     *start = from;
-    return 0;
+    return false;
   }
   const unsigned first = NextBit(from, m_nBits, WANT_0_BITS);
-  if (first == m_nBits) return 0;
+  if (first == m_nBits) return false;
   *start = first;
-  return NextBit(first, m_nBits, WANT_1_BITS) - first;
+  return true;
+}
+
+unsigned CBitmap::FindNextForward_0_Run(unsigned from, unsigned* start) const {
+  return FindNextForward_0_Bit(from, start) ? NextBit(*start, m_nBits, WANT_1_BITS) - *start : 0;
 }
 
 unsigned CBitmap::FindLastBackward_0_Run(unsigned from, unsigned* start) const {

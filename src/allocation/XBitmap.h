@@ -113,6 +113,11 @@ class CBitmap {
   /// Find_1_Bits, and clears the bits found.
   unsigned Find_1_Bits_Clear(unsigned count, unsigned hint);
 
+  /// The first clear bit at or above `from`: what FindNextForward_0_Run finds, without the way to the run's end, which
+  /// can be all the rest of the map.
+  /// @param start  out: that bit; `from` itself when that is not below Size(); unchanged when no clear bit follows
+  /// @return whether there is one
+  bool FindNextForward_0_Bit(unsigned from, unsigned* start) const;
   /// The clear run that holds the first clear bit at or above `from`, from that bit on.
   /// @param start  out: its first bit; `from` itself when that is not below Size(); unchanged when no clear bit follows
   /// @return its length, 0 for none

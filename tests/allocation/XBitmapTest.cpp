@@ -419,6 +419,20 @@ TEST(Bitmap, ForwardSearchWithOnlySetBitsAhead_GivesNoRunAndLeavesTheStart) {
   }
 }
 
+TEST(Bitmap, ForwardSearchForABit_FindsWhereTheRunBegins) {
+  CBitmapOver map(AllSetBut(200, {{50, 149}}));
+  unsigned start;
+  EXPECT_TRUE(map->FindNextForward_0_Bit(0, &start));
+  EXPECT_EQ(start, 50u);
+  EXPECT_TRUE(map->FindNextForward_0_Bit(80, &start));
+  EXPECT_EQ(start, 80u);
+  start = UNTOUCHED;
+  EXPECT_FALSE(map->FindNextForward_0_Bit(150, &start));
+  EXPECT_EQ(start, UNTOUCHED);
+  EXPECT_FALSE(map->FindNextForward_0_Bit(200, &start));
+  EXPECT_EQ(start, 200u);
+}
+
 TEST(Bitmap, BackwardSearchWithOnlySetBitsBelow_GivesNoRunAndLeavesTheStart) {
   CBitmapOver map(AllSetBut(100, {{90, 99}}));
   for (unsigned from : {0u, 63u, 64u, 89u}) {
