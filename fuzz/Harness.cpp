@@ -338,7 +338,7 @@ void StopLibrary() {
   if (!s_bInitialised) return;
   if (Fat_LibTerminate() != 1) Finding("handles are left open");
   s_bInitialised = false;
-  if (s_nBlocks != 0 || s_nBytes != 0) Finding("memory of the library is left after its termination");
+  ExpectNoLibraryMemory();
 }
 
 // Flags of the fuzzer that every run of these targets wants, in front of the user's own, which may overrule them.
@@ -434,6 +434,21 @@ void CMedium::Put32(std::uint32_t offset, std::uint32_t value) {
   Put16(offset + 2, value >> 16);
 }
 
+// ---------------------------------------------------------------------------------------------- CTimedRun
+
+CTimedRun::CTimedRun() {
+  s_Started = ProcessorSeconds();
+  LimitTime(s_Seconds);
+}
+
+CTimedRun::~CTimedRun() { LimitTime(0); }
+
+bool CTimedRun::IsLong() { return ProcessorSeconds() - s_Started > BUSY_SECONDS; }
+
+void ExpectNoLibraryMemory() {
+  if (s_nBlocks != 0 || s_nBytes != 0) Finding("memory of the library is left after its termination");
+}
+
 // ---------------------------------------------------------------------------------------------- CFuzzRun
 
 CFuzzRun::CFuzzRun() {
@@ -442,14 +457,11 @@ CFuzzRun::CFuzzRun() {
     s_bInitialised = true;
   }
   m_nBlocksBefore = s_nBlocks;
-  s_Started = ProcessorSeconds();
-  LimitTime(s_Seconds);
 }
 
 CFuzzRun::~CFuzzRun() {
   CloseAllHandles();
   while (!m_Mounted.empty()) Unmount(m_Mounted.back().FileSystem);
-  LimitTime(0);
   s_nAllocationsToFailure = 0;
   if (s_nOpenDevices != 0) Finding("a storage was opened and not closed, or closed twice");
   // What a run leaves is an unmounted file system for each mount, until the library is terminated. Its lists of free
@@ -540,8 +552,6 @@ void CFuzzRun::RestartLibrary() {
   m_nMounts = 0;
   m_nBlocksBefore = s_nBlocks;
 }
-
-bool CFuzzRun::IsLong() { return ProcessorSeconds() - s_Started > BUSY_SECONDS; }
 
 void CFuzzRun::CloseAllHandles() {
   // Closing wants a current file system; which one does not matter.

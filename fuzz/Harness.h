@@ -20,13 +20,27 @@
 /// Stops with a message; what was found is no memory error that a sanitizer reports.
 [[noreturn]] void Finding(const char* what);
 
+/// Ends the program when the run that it is part of takes too long.
+class CTimedRun {
+ public:
+  CTimedRun();
+  ~CTimedRun();
+  CTimedRun(const CTimedRun&) = delete;
+  CTimedRun& operator=(const CTimedRun&) = delete;
+
+  /// Whether this run has taken so long that no more calls should be made: what must end in time is each call, and the
+  /// unmounting, not a list of calls however long.
+  static bool IsLong();
+};
+
+/// For a target that initialises and terminates the library itself: stops unless it has given all memory back.
+void ExpectNoLibraryMemory();
+
 /// One run of a target. At its end all handles are closed, all volumes unmounted, and the library's memory is counted.
-class CFuzzRun {
+class CFuzzRun : public CTimedRun {
  public:
   CFuzzRun();
   ~CFuzzRun();
-  CFuzzRun(const CFuzzRun&) = delete;
-  CFuzzRun& operator=(const CFuzzRun&) = delete;
 
   /// Puts an image on the medium and mounts it. @return null when it is refused
   CFatFileSystem* Mount(const SPARSE_IMAGE& image);
@@ -38,9 +52,6 @@ class CFuzzRun {
   void RestartLibrary();
 
   static void CloseAllHandles();
-  /// Whether this run has taken so long that no more calls should be made: what must end in time is each call, and the
-  /// unmounting, not a list of calls however long.
-  static bool IsLong();
 
  private:
   struct MOUNTED {
