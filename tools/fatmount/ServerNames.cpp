@@ -1,0 +1,203 @@
+/// @file ServerNames.cpp
+/// Finding, making, removing and renaming.
+
+#include <fatlib/Text.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "Server.h"
+
+#ifndef RENAME_NOREPLACE
+#define RENAME_NOREPLACE 1
+#endif
+
+namespace fatmount {
+
+Server::Server(fatlib::Volume* volume, const Owner& owner, WriteBack* writeBack, Notifier* notifier, Stats* stats)
+    : m_pVolume(volume), m_Owner(owner), m_pWriteBack(writeBack), m_pNotifier(notifier), m_pStats(stats) {}
+Server::~Server() = default;
+
+int Server::Use(NodeId id, Node** node) {
+  *node = m_Nodes.Find(id);
+  return *node == nullptr ? ESTALE : 0;
+}
+
+int Server::UseDirectory(NodeId id, Node** node) {
+  if (const int error = Use(id, node)) return error;
+  if (!(*node)->directory) return ENOTDIR;
+  return (*node)->removed ? ENOENT : 0;
+}
+
+int Server::FindChild(NodeId parent, const char* name, Node** directory, std::u16string* units, Node** node) {
+  if (const int error = UseDirectory(parent, directory)) return error;
+  if (!fatlib::FromUtf8(name, units)) return EINVAL;
+  *node = m_Nodes.Child(*directory, *units);
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------------- finding
+
+int Server::Lookup(fuse_req_t request, NodeId parent, const char* name) {
+  const pid_t thread = fuse_req_ctx(request)->pid;
+  Node* directory;
+  if (const int error = UseDirectory(parent, &directory)) return error;
+  std::u16string units;
+  fatlib::Entry entry;
+  int error = fatlib::FromUtf8(name, &units) ? 0 : ENOENT;
+  if (error == 0 && units.size() > fatlib::Path::MAX_NAME_UNITS) error = ENAMETOOLONG;
+  if (error == 0) error = ErrnoOf(m_pVolume->Stat(Nodes::PathOf(directory) / units, &entry));
+  if (error != 0) {
+    m_Spellings.Done(thread);
+    return error;
+  }
+  switch (m_Spellings.Look(thread, m_Nodes.Enter(directory, entry), units)) {
+    case Spellings::Answer::Stale:
+      return ESTALE;
+    case Spellings::Answer::Absent:
+      return ENOENT;
+    case Spellings::Answer::Another: {
+      fuse_entry_param other{};
+      other.ino = m_Nodes.UnusedId();
+      other.attr = AttributesOf(entry, m_Owner);
+      other.attr.st_ino = other.ino;
+      (void)fuse_reply_entry(request, &other);
+      return 0;
+    }
+    case Spellings::Answer::Found:
+      break;
+  }
+  Node* node;
+  const fuse_entry_param answer = Tell(directory, entry, units, &node);
+  if (fuse_reply_entry(request, &answer) != 0) Forget(node->id, 1);
+  return 0;
+}
+
+void Server::Forget(NodeId id, std::uint64_t lookups) {
+  const Node* const node = m_Nodes.Find(id);
+  if (node != nullptr && node->lookups <= lookups) m_Spellings.Forget(node);
+  m_Nodes.Forget(id, lookups);
+}
+
+// ---------------------------------------------------------------------------------------------- making
+
+int Server::AnswerNewEntry(fuse_req_t request, Node* parent, const std::u16string& name, fuse_file_info* file) {
+  fatlib::Entry entry;
+  if (const std::error_code error = m_pVolume->Stat(Nodes::PathOf(parent) / name, &entry)) return ErrnoOf(error);
+  if (const int error = Changed()) return error;
+  Node* node;
+  const fuse_entry_param answer = Tell(parent, entry, name, &node);
+  if (file == nullptr) {
+    if (fuse_reply_entry(request, &answer) != 0) Forget(node->id, 1);
+    return 0;
+  }
+  OpenHandle(node, file);
+  if (fuse_reply_create(request, &answer, file) != 0) {
+    Release(node->id);
+    Forget(node->id, 1);
+  }
+  return 0;
+}
+
+int Server::Mknod(fuse_req_t request, NodeId parent, const char* name, mode_t mode) {
+  if (!S_ISREG(mode) && (mode & S_IFMT) != 0) return EPERM;
+  return Create(request, parent, name, mode, nullptr);
+}
+
+int Server::Create(fuse_req_t request, NodeId parent, const char* name, mode_t mode, fuse_file_info* file) {
+  Node* directory;
+  Node* node;
+  std::u16string units;
+  if (const int error = FindChild(parent, name, &directory, &units, &node)) return error;
+  const std::uint8_t attributes = WithMode(fatlib::ARCHIVE, mode);
+  if (const std::error_code error = m_pVolume->CreateFile(Nodes::PathOf(directory) / units, 0,
+                                                          fatlib::File::Fill::Nothing, attributes, nullptr)) {
+    return ErrnoOf(error);
+  }
+  return AnswerNewEntry(request, directory, units, file);
+}
+
+int Server::Mkdir(fuse_req_t request, NodeId parent, const char* name) {
+  Node* directory;
+  Node* node;
+  std::u16string units;
+  if (const int error = FindChild(parent, name, &directory, &units, &node)) return error;
+  if (const std::error_code error = m_pVolume->CreateDirectory(Nodes::PathOf(directory) / units)) {
+    return ErrnoOf(error);
+  }
+  return AnswerNewEntry(request, directory, units, nullptr);
+}
+
+// ---------------------------------------------------------------------------------------------- removing, renaming
+
+// The kernel follows a change under the name that it was asked for. Under another one that it remembers it would find
+// the file still.
+void Server::ForgetOtherSpelling(const Node* node, const std::u16string& used) {
+  if (used != node->name) m_pNotifier->ForgetName(node->parent->id, fatlib::ToUtf8(node->name));
+}
+
+int Server::Remove(NodeId parent, const char* name, bool directory) {
+  Node* folder;
+  Node* node;
+  std::u16string units;
+  if (const int error = FindChild(parent, name, &folder, &units, &node)) return error;
+  const fatlib::Path path = Nodes::PathOf(folder) / units;
+  fatlib::Entry entry;
+  if (const std::error_code error = m_pVolume->Stat(path, &entry)) return ErrnoOf(error);
+  if (entry.IsDirectory() != directory) return directory ? ENOTDIR : EISDIR;
+  if (m_pVolume->Mode() == fatlib::Access::ReadOnly) return EROFS;
+  const bool open = node != nullptr && node->opens != 0;
+  if (open) {
+    if (const int error = MakeOrphan(node)) return error;
+  }
+  if (const std::error_code error = m_pVolume->Remove(path)) {
+    if (open) UndoOrphan(node);
+    return ErrnoOf(error);
+  }
+  if (node != nullptr) {
+    ForgetOtherSpelling(node, units);
+    m_Nodes.Remove(node);
+  }
+  return Changed();
+}
+
+int Server::Rename(NodeId parent, const char* name, NodeId newParent, const char* newName, unsigned int flags) {
+  if ((flags & ~static_cast<unsigned int>(RENAME_NOREPLACE)) != 0) return EINVAL;
+  Node *from, *to, *node, *inTheWay;
+  std::u16string units, newUnits;
+  if (const int error = FindChild(parent, name, &from, &units, &node)) return error;
+  if (const int error = FindChild(newParent, newName, &to, &newUnits, &inTheWay)) return error;
+  if (m_pVolume->Mode() == fatlib::Access::ReadOnly) return EROFS;
+  for (const Node* above = to; above != nullptr; above = above->parent) {
+    if (above == node) return EINVAL;
+  }
+  const bool replace = (flags & RENAME_NOREPLACE) == 0;
+  if (inTheWay == node) inTheWay = nullptr;
+  const bool keeps = inTheWay != nullptr && inTheWay->opens != 0 && replace;
+  if (keeps) {
+    if (const int error = MakeOrphan(inTheWay)) return error;
+  }
+  const fatlib::Path target = Nodes::PathOf(to) / newUnits;
+  if (const std::error_code error = m_pVolume->Rename(Nodes::PathOf(from) / units, target, replace)) {
+    if (keeps) UndoOrphan(inTheWay);
+    return ErrnoOf(error);
+  }
+  if (inTheWay != nullptr) {
+    ForgetOtherSpelling(inTheWay, newUnits);
+    m_Nodes.Remove(inTheWay);
+  }
+  fatlib::Entry entry;
+  if (const std::error_code error = m_pVolume->Stat(target, &entry)) return ErrnoOf(error);
+  if (node != nullptr) {
+    ForgetOtherSpelling(node, units);
+    m_Nodes.Move(node, to, entry.name);
+    // The kernel gives the entry its new name, and goes on believing it for as long as the old one was good for.
+    if (entry.name != newUnits) {
+      node->aliased = true;
+      m_pNotifier->ForgetName(to->id, fatlib::ToUtf8(newUnits));
+    }
+  }
+  return Changed();
+}
+
+}  // namespace fatmount
