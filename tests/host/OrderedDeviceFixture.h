@@ -1,0 +1,182 @@
+/// @file OrderedDeviceFixture.h
+/// What the tests of OrderedDevice share: a device that remembers every write, volumes with few free clusters, trees
+/// read from an image.
+
+#ifndef FATLIB_TESTS_ORDEREDDEVICEFIXTURE_H
+#define FATLIB_TESTS_ORDEREDDEVICEFIXTURE_H
+
+#include <fatlib/Check.h>
+#include <fatlib/Error.h>
+#include <fatlib/OrderedDevice.h>
+#include <fatlib/Text.h>
+#include <fatlib/Volume.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "VolumeFixture.h"
+
+/// A write, or a flush when there are no bytes.
+struct RECORDED_WRITE {
+  std::uint64_t position = 0;
+  std::vector<unsigned char> bytes;
+  bool IsFlush() const { return bytes.empty(); }
+};
+
+struct RECORD {
+  std::vector<unsigned char> bytes;
+  std::vector<RECORDED_WRITE> log;
+  std::uint64_t writes = 0;
+  std::uint64_t failAt = 0;  ///< the write with this number, from 1, fails. 0: none
+  fatlib::Access mode = fatlib::Access::ReadWrite;
+};
+
+/// A device on an image that the test keeps, which remembers what was written to it.
+class CRecordingDevice final : public fatlib::Device {
+ public:
+  explicit CRecordingDevice(std::shared_ptr<RECORD> record) : m_pRecord(std::move(record)) {}
+
+  std::error_code Read(std::uint64_t position, void* buffer, std::size_t size) override {
+    auto* out = static_cast<unsigned char*>(buffer);
+    std::fill_n(out, size, static_cast<unsigned char>(0));
+    const std::vector<unsigned char>& bytes = m_pRecord->bytes;
+    if (position < bytes.size()) std::copy_n(bytes.data() + position, std::min(size, bytes.size() - position), out);
+    return {};
+  }
+  std::error_code Write(std::uint64_t position, const void* buffer, std::size_t size) override {
+    if (++m_pRecord->writes == m_pRecord->failAt) return fatlib::Status::IoError;
+    if (position + size > m_pRecord->bytes.size()) return fatlib::Status::IoError;
+    const auto* in = static_cast<const unsigned char*>(buffer);
+    std::copy_n(in, size, m_pRecord->bytes.data() + position);
+    m_pRecord->log.push_back({position, {in, in + size}});
+    return {};
+  }
+  std::error_code Flush() override {
+    m_pRecord->log.push_back({});
+    return {};
+  }
+  std::uint64_t Size() const override { return m_pRecord->bytes.size(); }
+  fatlib::Access Mode() const override { return m_pRecord->mode; }
+
+ private:
+  std::shared_ptr<RECORD> m_pRecord;
+};
+
+/// A device on bytes that belong to somebody else.
+class CViewDevice final : public fatlib::Device {
+ public:
+  explicit CViewDevice(std::vector<unsigned char>* bytes) : m_pBytes(bytes) {}
+  std::error_code Read(std::uint64_t position, void* buffer, std::size_t size) override {
+    auto* out = static_cast<unsigned char*>(buffer);
+    std::fill_n(out, size, static_cast<unsigned char>(0));
+    if (position < m_pBytes->size()) {
+      std::copy_n(m_pBytes->data() + position, std::min(size, m_pBytes->size() - static_cast<std::size_t>(position)),
+                  out);
+    }
+    return {};
+  }
+  std::error_code Write(std::uint64_t position, const void* buffer, std::size_t size) override {
+    if (position + size > m_pBytes->size()) return fatlib::Status::IoError;
+    std::copy_n(static_cast<const unsigned char*>(buffer), size, m_pBytes->data() + position);
+    return {};
+  }
+  std::error_code Flush() override { return {}; }
+  std::uint64_t Size() const override { return m_pBytes->size(); }
+  fatlib::Access Mode() const override { return fatlib::Access::ReadWrite; }
+
+ private:
+  std::vector<unsigned char>* m_pBytes;
+};
+
+/// A formatted volume on which all clusters but the first ones are marked as bad.
+inline std::vector<unsigned char> SmallVolume(const TEST_SHAPE& shape, std::uint32_t freeClusters) {
+  std::vector<unsigned char> bytes = FormattedImage(shape);
+  CViewDevice device(&bytes);
+  fatlib::Medium medium;
+  EXPECT_FALSE(medium.Open(&device));
+  for (std::uint32_t cluster = 3 + freeClusters; cluster < medium.Layout().clusters + 2; ++cluster) {
+    EXPECT_FALSE(medium.SetFatEntry(cluster, shape.bits == 12 ? 0xFF7 : shape.bits == 16 ? 0xFFF7 : 0x0FFFFFF7));
+  }
+  EXPECT_FALSE(medium.WriteFsInfo());
+  return bytes;
+}
+
+/// Files with their bytes, and directories, which end with a slash.
+using IMAGE_TREE = std::map<std::string, std::vector<unsigned char>>;
+
+/// What can be read of an image. A file of which bytes are missing has none.
+inline IMAGE_TREE TreeOf(std::vector<unsigned char>* bytes) {
+  IMAGE_TREE tree;
+  CViewDevice device(bytes);
+  fatlib::Medium medium;
+  if (medium.Open(&device)) return tree;
+  std::vector<std::pair<std::string, fatlib::DirectoryPlace>> places = {{"", fatlib::Medium::ROOT}};
+  while (!places.empty() && tree.size() < 10000) {
+    const auto [path, place] = places.back();
+    places.pop_back();
+    std::vector<fatlib::RawEntry> entries;
+    (void)medium.ReadDirectory(place, &entries);  // what is wrong with it is for the check to tell
+    for (const fatlib::RawEntry& entry : entries) {
+      if (entry.IsDot() || entry.IsLabel()) continue;
+      const std::string name = path + "/" + fatlib::ToUtf8(entry.name);
+      if (entry.IsDirectory()) {
+        tree[name + "/"] = {};
+        places.emplace_back(name, entry.firstCluster);
+        continue;
+      }
+      std::vector<unsigned char> content(entry.size);
+      std::size_t done = 0;
+      if (medium.ReadFile(entry, 0, content.data(), content.size(), &done)) content.clear();
+      tree[name] = std::move(content);
+    }
+  }
+  return tree;
+}
+
+/// Where the entries lie, by path: the sector, or the bytes when they are in more than one.
+inline std::map<std::string, std::uint64_t> EntryPlacesOf(std::vector<unsigned char>* bytes) {
+  std::map<std::string, std::uint64_t> places;
+  CViewDevice device(bytes);
+  fatlib::Medium medium;
+  if (medium.Open(&device)) return places;
+  std::vector<std::pair<std::string, fatlib::DirectoryPlace>> directories = {{"", fatlib::Medium::ROOT}};
+  while (!directories.empty()) {
+    const auto [path, place] = directories.back();
+    directories.pop_back();
+    std::vector<fatlib::RawEntry> entries;
+    EXPECT_FALSE(medium.ReadDirectory(place, &entries));
+    for (const fatlib::RawEntry& entry : entries) {
+      if (entry.IsDot() || entry.IsLabel()) continue;
+      std::uint64_t first = 0;
+      std::uint64_t last = 0;
+      EXPECT_FALSE(medium.SlotPosition(place, entry.firstSlot, &first));
+      EXPECT_FALSE(medium.SlotPosition(place, entry.ShortSlot(), &last));
+      const std::string name = path + "/" + fatlib::ToUtf8(entry.name);
+      const std::uint64_t sector = first / medium.Layout().bytesPerSector;
+      places[name] = sector == last / medium.Layout().bytesPerSector ? sector : first;
+      if (entry.IsDirectory()) directories.emplace_back(name, entry.firstCluster);
+    }
+  }
+  return places;
+}
+
+inline fatlib::CheckReport ReportOf(std::vector<unsigned char>* bytes) {
+  CViewDevice device(bytes);
+  fatlib::Medium medium;
+  fatlib::CheckReport report;
+  EXPECT_FALSE(medium.Open(&device));
+  EXPECT_FALSE(fatlib::Check(&medium, &report));
+  return report;
+}
+
+inline std::string TextOf(const fatlib::CheckReport& report) {
+  std::string text;
+  for (const fatlib::Defect& defect : report.defects) text += fatlib::DefectText(defect) + "\n";
+  return text;
+}
+
+#endif  // FATLIB_TESTS_ORDEREDDEVICEFIXTURE_H
