@@ -9,7 +9,7 @@ BUILD := build/$(PRESET)
 # mkfs.fat is outside the path of a normal user on Debian.
 export PATH := $(PATH):/usr/sbin:/sbin
 
-.PHONY: all help setup configure build demo test bench install package docs analyse coverage fuzz memcheck format clean
+.PHONY: all help setup configure build demo test bench install package docs analyse coverage fuzz exercise memcheck format clean
 
 all: build ## the same as build
 
@@ -60,6 +60,11 @@ coverage: ## run the tests and print which lines and branches of the library the
 fuzz: ## run the fuzz targets: PRESET=i386-fuzz or "x64-fuzz i386-fuzz", TIME=seconds for each, TARGET=one of them
 	@scripts/setup fuzz
 	@TIME='$(TIME)' TARGET='$(TARGET)' JOBS='$(JOBS)' scripts/fuzz $(or $(filter %-fuzz,$(PRESET)),x64-fuzz)
+
+exercise: PRESET := x64-release
+exercise: configure ## let real programs work in mounted volumes: SHORT=1, SCENE=one of them, TIME=seconds more of random work
+	@cmake --build --preset $(PRESET) --parallel $(JOBS) --target fatmount fatexercise
+	@TIME='$(TIME)' FATLIB_BUILD=build/$(PRESET) scripts/exercise $(if $(SHORT),--short) $(SCENE)
 
 memcheck: ## run the tests under valgrind (64-bit)
 	@scripts/setup memcheck

@@ -1,0 +1,74 @@
+# Scenes in which the program that serves the volume is killed in the middle of work: what was synchronised before and not
+# touched since is whole, fsck.fat finds only what a cut may leave, and repairs it, and the volume mounts again. To be sourced.
+# shellcheck shell=bash disable=SC2154
+
+# What fsck.fat may say after a cut, besides what it says of every volume: differing FATs; clusters that nothing reaches; a
+# chain that is longer than the size; parts of a long name; FSInfo's count, which is only a hint; the mark of a volume in use.
+CUT_ALLOWED='^fsck\.fat [0-9]|^$|: [0-9]+ files, [0-9]+/[0-9]+ clusters$'
+CUT_ALLOWED+='|^FATs differ|^ *Using first FAT|^Reclaimed [0-9]+ unused cluster|^Leaving filesystem unchanged'
+CUT_ALLOWED+='|^/|^ +File size is [0-9]+ bytes, cluster chain length is > [0-9]+ bytes\.|^ +Truncating file to [0-9]+ bytes'
+CUT_ALLOWED+='|[Oo]rphaned long file name part|^Free cluster summary (wrong|uninitialized)|^ *Auto-(setting|deleting|correcting)'
+CUT_ALLOWED+='|^Dirty bit is set|^ *Automatically removing dirty bit|^[0-9]+\) '
+
+judge_cut() {
+  fsck.fat -n "$image" >"$work/fsck" 2>&1 || true
+  cat "$work/fsck"
+  if grep -vE "$CUT_ALLOWED" "$work/fsck" >"$work/refused"; then
+    cat "$work/refused"
+    fail "fsck.fat finds what a cut must not leave"
+  fi
+}
+
+# Kills it while WORK is running in the folder. Now and then the volume is synchronised meanwhile, as the system does.
+round_of_kill() { # ROUND WORK...
+  local round=$1 worker
+  volume_make "$type"
+  volume_mount
+  cp -r "$sources/docs" "$folder/kept"
+  mkdir "$folder/work"
+  sync -f "$folder"
+  (cd / && exec "${@:2}") >"$work/worker" 2>&1 &
+  worker=$!
+  sleep "$((1 + round % 3)).$((round * 37 % 10))"
+  if [ $((round % 2)) = 0 ]; then sync -f "$folder"; fi
+  if [ "$on" != fatmount ]; then # killing what serves another folder says nothing
+    wait "$worker" || cat "$work/worker"
+    rm -rf "${folder:?}"/*
+    return 0
+  fi
+  kill -0 "$worker" || fail "the work was over before the kill: $(tail -n 3 "$work/worker")"
+  volume_kill
+  wait "$worker" || true
+  judge_cut
+  volume_mount
+  diff -r "$sources/docs" "$folder/kept" || fail "what nobody touched was harmed"
+  find "$folder" -type f -exec cat {} + >/dev/null || fail "a file cannot be read after the cut"
+  volume_unmount
+  fsck.fat -a "$image" || true
+  fsck.fat -n "$image" || fail "the volume was not repaired"
+  volume_mount
+  diff -r "$sources/docs" "$folder/kept" || fail "the repair harmed what nobody touched"
+  echo again >"$folder/kept/again"
+  volume_unmount
+  fsck.fat -n "$image" || fail "the repaired volume does not stay so"
+}
+
+scene killed-fatexercise "fat12 fat16 fat32" "fat16" 60 300 "fatexercise"
+scene_killed-fatexercise() {
+  local round how=()
+  [ "$on" = fatmount ] || how=(--ordinary)
+  for ((round = 1; round <= $(pick 2 8); ++round)); do
+    round_of_kill "$round" timeout 60 "$fatexercise" "$folder/work" --seed "$round" --seconds 30 "${how[@]}"
+  done
+}
+
+scene killed-git "fat16 fat32" "fat32" 60 300 "git"
+scene_killed-git() {
+  local round
+  for ((round = 1; round <= $(pick 1 4); ++round)); do
+    # Cloned again and again, so that it is never over before its time.
+    # shellcheck disable=SC2016
+    round_of_kill "$round" timeout 60 bash -c 'for ((i = 0; i < 100; ++i)); do git clone -q --no-local "$0" "$1/$i" || exit 1; done' \
+      "$repository" "$folder/work"
+  done
+}
