@@ -3,8 +3,10 @@
 #include "Opening.h"
 
 #include <fatlib/Check.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "Exit.h"
 #include "Session.h"
@@ -30,7 +32,8 @@ bool IsHarmless(Defect::Kind kind) {
     case Defect::BootSectorsDiffer:
     case Defect::LostChain:
     case Defect::ChainBeyondSize:
-    case Defect::OrphanLongName:
+    case Defect::OrphanLongName:  // what a cut leaves of a name in two sectors
+    case Defect::BadLongName:
     case Defect::BadStamp:
     case Defect::LabelsDiffer:
     case Defect::SecondLabel:
@@ -42,11 +45,9 @@ bool IsHarmless(Defect::Kind kind) {
 }
 
 /// @return whether the volume may be changed
-bool LookFor(const std::string& name, Device* device, const Message& message) {
-  fatlib::Medium medium;
-  if (medium.Open(device)) return true;  // that there is no volume is said where it is opened
+bool IsSound(const std::string& name, fatlib::Medium* medium, const Message& message) {
   fatlib::CheckReport report;
-  const std::error_code error = Check(&medium, &report);
+  const std::error_code error = Check(medium, &report);
   if (error) {
     message(name + ": it cannot be checked: " + error.message());
     return false;
@@ -65,44 +66,51 @@ bool LookFor(const std::string& name, Device* device, const Message& message) {
   return harmless;
 }
 
-bool IsNotWritable(const Failure& failure, fatimg::Session* session, const fatimg::Operand& image,
-                   std::unique_ptr<Device>* device) {
-  if (failure.Status() != fatimg::Exit::Refused) return false;
-  try {
-    *device = session->OpenDevice(image, Access::ReadOnly);  // fails too where another program has locked the image
-  } catch (const Failure&) {
-    return false;
+/// Puts the order of writes between the volume and the image. @return null when it cannot be
+std::unique_ptr<Device> Ordered(const std::string& name, std::unique_ptr<Device> image, const Message& message,
+                                const fatlib::OrderedDevice** held) {
+  std::unique_ptr<fatlib::OrderedDevice> ordered;
+  const std::error_code error = fatlib::OrderedDevice::Open(std::move(image), &ordered);
+  if (error) {
+    message(name + ": " + error.message() + ": it is mounted for reading only");
+    return nullptr;
   }
-  return true;
+  *held = ordered.get();
+  return ordered;
+}
+
+/// @return null when the volume is to be mounted for reading only
+std::unique_ptr<Device> OpenForChanges(const fatimg::Operand& image, fatimg::Session* session, const Message& message,
+                                       const fatlib::OrderedDevice** held) {
+  const std::string name = image.ImageText();
+  if (access(image.image.c_str(), W_OK) != 0 && (errno == EACCES || errno == EPERM || errno == EROFS)) {
+    message(name + ": the image cannot be written: it is mounted for reading only");
+    return nullptr;
+  }
+  std::unique_ptr<Device> device = session->OpenDevice(image, Access::ReadWrite);
+  fatlib::Medium medium;
+  const std::error_code error = medium.Open(device.get());
+  if (error) return device;  // that there is no volume is said where it is opened
+  if (medium.Layout().fats == 1 || medium.Layout().ambiguous) {
+    message(name + ": " + std::error_code(fatlib::Status::UnsafeVolume).message() + ": it is mounted for reading only");
+    return nullptr;
+  }
+  if (!IsSound(name, &medium, message)) return nullptr;
+  return Ordered(name, std::move(device), message, held);
 }
 
 }  // namespace
 
-void OpenVolume(const fatimg::Operand& image, bool readOnly, const Message& message, fatlib::Volume* volume) {
-  const std::string name = image.ImageText();
+void OpenVolume(const fatimg::Operand& image, bool readOnly, const Message& message, fatlib::Volume* volume,
+                const fatlib::OrderedDevice** held) {
+  *held = nullptr;
   fatimg::Session session{{}};
   std::unique_ptr<Device> device;
-  if (!readOnly) {
-    try {
-      device = session.OpenDevice(image, Access::ReadWrite);
-    } catch (const Failure& failure) {
-      if (!IsNotWritable(failure, &session, image, &device)) throw;
-      message(name + ": " + failure.what() + ": it is mounted for reading only");
-      readOnly = true;
-    }
-    if (!readOnly && !LookFor(name, device.get(), message)) readOnly = true;
-  }
-  if (readOnly) {
-    device.reset();  // and its lock
-    device = session.OpenDevice(image, Access::ReadOnly);
-  }
-  std::error_code error = volume->Open(std::move(device));
-  if (error == fatlib::Status::UnsafeVolume) {
-    message(name + ": " + error.message() + ": it is mounted for reading only");
-    error = volume->Open(session.OpenDevice(image, Access::ReadOnly));
-  }
+  if (!readOnly) device = OpenForChanges(image, &session, message, held);
+  if (device == nullptr) device = session.OpenDevice(image, Access::ReadOnly);
+  const std::error_code error = volume->Open(std::move(device));
   if (error == fatlib::Status::NotAVolume) (void)session.Open(image, Access::ReadOnly);  // knows the reason
-  if (error) throw Failure(error, name);
+  if (error) throw Failure(error, image.ImageText());
 }
 
 }  // namespace fatmount

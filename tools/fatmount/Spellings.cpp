@@ -2,6 +2,12 @@
 
 #include "Spellings.h"
 
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+
 namespace fatmount {
 
 namespace {
@@ -10,6 +16,21 @@ namespace {
 constexpr std::chrono::milliseconds LONGEST_WAIT(2000);
 // The same where it may also be that it has come to its end.
 constexpr std::chrono::milliseconds SHORT_WAIT(50);
+
+/// Whether a thread is in a system call that gives up at ESTALE.
+bool IsMaking(pid_t thread) {
+  char path[64];
+  std::snprintf(path, sizeof path, "/proc/%d/syscall", thread);
+  std::FILE* const file = std::fopen(path, "re");
+  if (file == nullptr) return false;
+  long number = -1;
+  const bool known = std::fscanf(file, "%ld", &number) == 1;
+  std::fclose(file);
+  if (!known) return false;
+  constexpr long MAKING[] = {SYS_mkdir,   SYS_mkdirat,   SYS_mknod, SYS_mknodat,
+                             SYS_symlink, SYS_symlinkat, SYS_link,  SYS_linkat};
+  return std::find(std::begin(MAKING), std::end(MAKING), number) != std::end(MAKING);
+}
 
 }  // namespace
 
@@ -26,6 +47,10 @@ Spellings::Answer Spellings::Look(pid_t thread, const Node* node, const std::u16
   if (spelling == node->name) return Answer::Found;
   const auto remembered = m_Remembered.find(node->id);
   if (remembered != m_Remembered.end() && remembered->second.erase(spelling) != 0) return Answer::Another;
+  if (IsMaking(thread)) {
+    m_Remembered[node->id].insert(spelling);
+    return Answer::Found;
+  }
   m_Attempts[thread] = {};
   m_Attempts[thread].end = Clock::now() + LONGEST_WAIT;
   return Answer::Stale;

@@ -15,6 +15,10 @@
 /// a number that no file has. Should the kernel have forgotten the spelling meanwhile, what it then does with that
 /// number fails with ESTALE, and the system call begins anew too.
 ///
+/// System calls that make something (mkdir) are an exception: they do not begin anew, and have to find what is in their
+/// way at the first attempt. What a thread is doing can be read where the system allows it; elsewhere they fail with
+/// ESTALE instead of EEXIST.
+///
 /// An attempt ends with the first request that is no lookup. There is one exception: before it looks a name up in a
 /// directory, the kernel asks for the attributes of the directory.
 

@@ -29,6 +29,7 @@ std::string Stats::ToJson() const {
       {"commits", commits},
       {"failedCommits", failedCommits},
       {"secondsInCommits", secondsInCommits},
+      {"heldBytesPeak", heldBytesPeak},
       {"filesKeptOpenAfterRemoval", filesKeptOpenAfterRemoval},
   };
   return object.dump();

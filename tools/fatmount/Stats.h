@@ -48,6 +48,7 @@ struct Stats {
   std::uint64_t commits = 0;
   double secondsInCommits = 0;
   std::uint64_t failedCommits = 0;
+  std::uint64_t heldBytesPeak = 0;  ///< that waited in memory for a commit
   std::uint64_t filesKeptOpenAfterRemoval = 0;
 
   void Count(Request request) { ++requests[static_cast<std::size_t>(request)]; }

@@ -6,7 +6,12 @@
 
 namespace fatmount {
 
+void WriteBack::NoteHeld() {
+  if (m_pHeld != nullptr) m_pStats->heldBytesPeak = std::max(m_pStats->heldBytesPeak, m_pHeld->HeldBytes());
+}
+
 std::error_code WriteBack::Changed() {
+  NoteHeld();
   if (m_bAtOnce) return Commit();
   if (!m_bWaiting) {
     m_bWaiting = true;

@@ -5,6 +5,7 @@
 #ifndef FATMOUNT_WRITEBACK_H
 #define FATMOUNT_WRITEBACK_H
 
+#include <fatlib/OrderedDevice.h>
 #include <fatlib/Volume.h>
 
 #include <chrono>
@@ -22,9 +23,11 @@ class WriteBack {
   static constexpr std::chrono::milliseconds LONGEST{5000};
 
   /// @param atOnce  every change is brought to the image before Changed returns
+  /// @param held    counts what waits in memory to be committed; may be null
   /// @param report  gets what nobody waits for: a failed write-back
-  WriteBack(fatlib::Volume* volume, bool atOnce, Stats* stats, std::function<void(const std::string&)> report)
-      : m_pVolume(volume), m_bAtOnce(atOnce), m_pStats(stats), m_Report(std::move(report)) {}
+  WriteBack(fatlib::Volume* volume, const fatlib::OrderedDevice* held, bool atOnce, Stats* stats,
+            std::function<void(const std::string&)> report)
+      : m_pVolume(volume), m_pHeld(held), m_bAtOnce(atOnce), m_pStats(stats), m_Report(std::move(report)) {}
 
   /// After each change.
   [[nodiscard]] std::error_code Changed();
@@ -39,8 +42,10 @@ class WriteBack {
   using Clock = std::chrono::steady_clock;
 
   std::error_code Sync();
+  void NoteHeld();
 
   fatlib::Volume* m_pVolume;
+  const fatlib::OrderedDevice* m_pHeld;
   bool m_bAtOnce;
   Stats* m_pStats;
   std::function<void(const std::string&)> m_Report;

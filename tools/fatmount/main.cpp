@@ -109,9 +109,10 @@ Exit WriteStats(const Stats& stats, const std::string& file) {
 Exit Run(const Options& options, FuseArguments* arguments) {
   CheckFolder(options.folder);
   fatlib::Volume volume;
-  OpenVolume(options.image, options.readOnly, Say, &volume);
+  const fatlib::OrderedDevice* held;
+  OpenVolume(options.image, options.readOnly, Say, &volume, &held);
   Stats stats;
-  WriteBack writeBack(&volume, options.sync, &stats, Say);
+  WriteBack writeBack(&volume, held, options.sync, &stats, Say);
   Notifier notifier;
   Server server(&volume, {options.uid, options.gid, options.umask}, &writeBack, &notifier, &stats);
   const bool readOnly = volume.Mode() == fatlib::Access::ReadOnly;
