@@ -25,6 +25,13 @@ class Partitioned : public Image {
     m_Disk.SetGpt(512, {{CDisk::DATA, 40, 99, u"first"}, {CDisk::ESP, FIRST, FIRST + COUNT - 1, name}});
     Write();
   }
+  /// Has sfdisk write the table, in its own words, around the volume.
+  void RunSfdisk(const std::string& script) {
+    Write();
+    const std::string path = m_Directory / "table";
+    WriteHostFile(path, {script.begin(), script.end()});
+    RunOrThrow({"sh", "-c", "sfdisk --quiet --wipe never '" + m_DiskPath + "' < '" + path + "'"});
+  }
   RESULT Cat(const std::string& where) const { return Fatimg({"cat", m_DiskPath + where + ":/README.TXT"}); }
 
   CDisk m_Disk;
@@ -48,6 +55,30 @@ TEST_F(Partitioned, Gpt_ByNumberNameOrType) {
   const RESULT other = Cat("@other");
   EXPECT_EQ(3, other.exit);
   EXPECT_NE(std::string::npos, other.err.find("there are: 1 first, 2 EFI System")) << other.err;
+}
+
+TEST_F(Partitioned, GptOfSfdisk_IsReadTheSame) {
+  RunSfdisk(
+      "label: gpt\nfirst-lba: 34\nstart=34, size=66, type=linux, name=boot\nstart=2048, size=32768, type=uefi, "
+      "name=\"EFI System\"\n");
+  for (const char* where : {"@2", "@esp", "@efi system"}) EXPECT_EQ("Hello world\n", Cat(where).out) << where;
+  const nlohmann::json table = FatimgJson({"info", "--partitions", m_DiskPath});
+  EXPECT_EQ("gpt", table["table"]);
+  EXPECT_EQ("boot", table["partitions"][0]["name"]);
+  EXPECT_EQ(34 * 512, table["partitions"][0]["offset"]);
+}
+
+TEST_F(Partitioned, MbrOfSfdisk_IsReadTheSame) {
+  RunSfdisk("label: dos\nstart=40, size=8, type=83\nstart=2048, size=32768, type=c, bootable\n");
+  EXPECT_EQ("Hello world\n", Cat("@2").out);
+  EXPECT_EQ("mbr", FatimgJson({"info", "--partitions", m_DiskPath})["table"]);
+}
+
+TEST_F(Partitioned, LogicalPartitionOfSfdisk_BeginsWithFive) {
+  RunSfdisk(
+      "label: dos\nstart=40, size=8, type=83\nstart=100, size=36000, type=f\nstart=140, size=60, type=83\n"
+      "start=2048, size=32768, type=e\n");
+  EXPECT_EQ("Hello world\n", Cat("@6").out);
 }
 
 TEST_F(Partitioned, NameOfTwoPartitions_IsAUsageError) {
