@@ -26,7 +26,7 @@ struct Node {
   std::u16string name;     ///< as it is on the volume
   bool directory = false;
   bool removed = false;            ///< it is not on the volume any more
-  bool aliased = false;            ///< it was found by another spelling
+  bool aliased = false;            ///< a file that was found by another spelling
   std::uint64_t lookups = 0;       ///< how often the kernel was told of it, less what it has forgotten
   std::uint32_t opens = 0;         ///< of a file
   std::uint32_t children = 0;      ///< nodes whose parent it is
@@ -54,8 +54,6 @@ class Nodes {
   void Forget(NodeId id, std::uint64_t lookups);
   /// To be called when `opens` has become 0.
   void Closed(Node* node);
-  /// A number that no node has or will have.
-  NodeId UnusedId() { return m_nNext++; }
   std::size_t Count() const { return m_Nodes.size(); }
 
   static fatlib::Path PathOf(const Node* node);

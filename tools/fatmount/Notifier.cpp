@@ -4,6 +4,7 @@
 
 #define FUSE_USE_VERSION 35
 #include <fuse3/fuse_lowlevel.h>
+#include <unistd.h>
 
 namespace fatmount {
 
@@ -12,7 +13,20 @@ void Notifier::Start(fuse_session* session) {
   m_Thread = std::thread([this] { Run(); });
 }
 
+// libfuse has no function for it.
+bool Notifier::ForgetAllNames() const {
+  struct Message {
+    std::uint32_t size;
+    std::int32_t code;
+    std::uint64_t request;
+  };
+  constexpr std::int32_t INCREASE_EPOCH = 8;
+  const Message message{sizeof(Message), INCREASE_EPOCH, 0};
+  return write(fuse_session_fd(m_pSession), &message, sizeof message) == static_cast<ssize_t>(sizeof message);
+}
+
 void Notifier::ForgetName(std::uint64_t parent, std::string name) {
+  if (ForgetAllNames()) return;
   {
     const std::lock_guard<std::mutex> lock(m_Mutex);
     m_Names.push_back({parent, std::move(name)});

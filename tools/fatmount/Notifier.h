@@ -1,6 +1,7 @@
 /// @file Notifier.h
-/// Tells the kernel to forget a name, from a thread of its own: the kernel waits for the directory, which it may have
-/// locked for a request that is being worked on.
+/// Tells the kernel to forget a name. Linux from 6.16 on can be told at once to ask for all names again. Before that it
+/// is told from a thread of its own: the kernel waits for the directory, which it has locked for the request that is
+/// being worked on, and so forgets the name a moment after the answer.
 
 #ifndef FATMOUNT_NOTIFIER_H
 #define FATMOUNT_NOTIFIER_H
@@ -25,6 +26,7 @@ class Notifier {
 
   /// @param session  must live until Stop
   void Start(fuse_session* session);
+  /// To be called before the request that makes the name stale is answered.
   /// @param parent  number of the directory
   /// @param name    UTF-8
   void ForgetName(std::uint64_t parent, std::string name);
@@ -37,6 +39,7 @@ class Notifier {
     std::string text;
   };
 
+  bool ForgetAllNames() const;
   void Run();
 
   fuse_session* m_pSession = nullptr;

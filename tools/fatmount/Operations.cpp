@@ -30,18 +30,14 @@ int Try(Server& server, Request kind, Work work) {
 /// For a function that sends its answer itself.
 template <typename Work>
 void Answer(fuse_req_t request, Request kind, Work work) {
-  Server& server = ServerOf(request);
-  server.PastLookups(fuse_req_ctx(request)->pid);
-  const int error = Try(server, kind, work);
+  const int error = Try(ServerOf(request), kind, work);
   if (error != 0) (void)fuse_reply_err(request, error);
 }
 
 /// For one that has nothing to send.
 template <typename Work>
 void Confirm(fuse_req_t request, Request kind, Work work) {
-  Server& server = ServerOf(request);
-  server.PastLookups(fuse_req_ctx(request)->pid);
-  (void)fuse_reply_err(request, Try(server, kind, work));
+  (void)fuse_reply_err(request, Try(ServerOf(request), kind, work));
 }
 
 void Init(void*, fuse_conn_info* connection) {
@@ -55,9 +51,7 @@ void Init(void*, fuse_conn_info* connection) {
 // ---------------------------------------------------------------------------------------------- names
 
 void Lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
-  const int error =
-      Try(ServerOf(request), Request::Lookup, [&](Server& server) { return server.Lookup(request, parent, name); });
-  if (error != 0) (void)fuse_reply_err(request, error);
+  Answer(request, Request::Lookup, [&](Server& server) { return server.Lookup(request, parent, name); });
 }
 
 void Forget(fuse_req_t request, fuse_ino_t id, std::uint64_t lookups) {
@@ -113,9 +107,7 @@ void Link(fuse_req_t request, fuse_ino_t, fuse_ino_t, const char*) {
 // ---------------------------------------------------------------------------------------------- looking
 
 void Getattr(fuse_req_t request, fuse_ino_t id, fuse_file_info*) {
-  const int error =
-      Try(ServerOf(request), Request::Getattr, [&](Server& server) { return server.Getattr(request, id); });
-  if (error != 0) (void)fuse_reply_err(request, error);
+  Answer(request, Request::Getattr, [&](Server& server) { return server.Getattr(request, id); });
 }
 
 void Setattr(fuse_req_t request, fuse_ino_t id, struct stat* wanted, int what, fuse_file_info*) {

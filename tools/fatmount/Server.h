@@ -16,7 +16,6 @@
 #include "Attributes.h"
 #include "Nodes.h"
 #include "Notifier.h"
-#include "Spellings.h"
 #include "Stats.h"
 #include "WriteBack.h"
 
@@ -31,13 +30,11 @@ class Server {
   Server& operator=(const Server&) = delete;
 
   Stats& Counters() { return *m_pStats; }
-  /// The thread's system call is past its lookups.
-  void PastLookups(pid_t thread) { m_Spellings.Done(thread); }
 
   // ---- names: ServerNames.cpp
 
   int Lookup(fuse_req_t request, NodeId parent, const char* name);  ///< answers with the entry
-  void Forget(NodeId id, std::uint64_t lookups);
+  void Forget(NodeId id, std::uint64_t lookups) { m_Nodes.Forget(id, lookups); }
   int Mknod(fuse_req_t request, NodeId parent, const char* name, mode_t mode);  ///< answers with the entry
   int Mkdir(fuse_req_t request, NodeId parent, const char* name);               ///< answers with the entry
   int Create(fuse_req_t request, NodeId parent, const char* name, mode_t mode,
@@ -100,7 +97,6 @@ class Server {
   Notifier* m_pNotifier;
   Stats* m_pStats;
   Nodes m_Nodes;
-  Spellings m_Spellings;
   std::vector<char> m_Buffer;  // of the answer that is being made
 };
 

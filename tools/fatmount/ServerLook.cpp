@@ -54,20 +54,19 @@ int Server::AnswerAttributes(fuse_req_t request, Node* node) {
   fatlib::Entry entry;
   if (const int error = StatNode(node, &entry)) return error;
   const struct stat attributes = AttributesOfNode(node, entry);
-  (void)fuse_reply_attr(request, &attributes, node->aliased && !node->directory ? 0 : ALWAYS);
+  (void)fuse_reply_attr(request, &attributes, node->aliased ? 0 : ALWAYS);
   return 0;
 }
 
 int Server::Getattr(fuse_req_t request, NodeId id) {
   Node* node;
   if (const int error = Use(id, &node)) return error;
-  m_Spellings.Attributes(fuse_req_ctx(request)->pid, node);
   return AnswerAttributes(request, node);
 }
 
 fuse_entry_param Server::Tell(Node* parent, const fatlib::Entry& entry, const std::u16string& spelling, Node** node) {
   Node* const told = m_Nodes.Enter(parent, entry);
-  if (spelling != told->name) told->aliased = true;
+  if (spelling != told->name && !told->directory) told->aliased = true;
   ++told->lookups;
   *node = told;
   fuse_entry_param answer{};

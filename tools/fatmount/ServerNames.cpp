@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "Caller.h"
 #include "Server.h"
 
 #ifndef RENAME_NOREPLACE
@@ -39,44 +40,18 @@ int Server::FindChild(NodeId parent, const char* name, Node** directory, std::u1
 // ---------------------------------------------------------------------------------------------- finding
 
 int Server::Lookup(fuse_req_t request, NodeId parent, const char* name) {
-  const pid_t thread = fuse_req_ctx(request)->pid;
   Node* directory;
   if (const int error = UseDirectory(parent, &directory)) return error;
   std::u16string units;
+  if (!fatlib::FromUtf8(name, &units)) return ENOENT;
+  if (units.size() > fatlib::Path::MAX_NAME_UNITS) return ENAMETOOLONG;
   fatlib::Entry entry;
-  int error = fatlib::FromUtf8(name, &units) ? 0 : ENOENT;
-  if (error == 0 && units.size() > fatlib::Path::MAX_NAME_UNITS) error = ENAMETOOLONG;
-  if (error == 0) error = ErrnoOf(m_pVolume->Stat(Nodes::PathOf(directory) / units, &entry));
-  if (error != 0) {
-    m_Spellings.Done(thread);
-    return error;
-  }
-  switch (m_Spellings.Look(thread, m_Nodes.Enter(directory, entry), units)) {
-    case Spellings::Answer::Stale:
-      return ESTALE;
-    case Spellings::Answer::Absent:
-      return ENOENT;
-    case Spellings::Answer::Another: {
-      fuse_entry_param other{};
-      other.ino = m_Nodes.UnusedId();
-      other.attr = AttributesOf(entry, m_Owner);
-      other.attr.st_ino = other.ino;
-      (void)fuse_reply_entry(request, &other);
-      return 0;
-    }
-    case Spellings::Answer::Found:
-      break;
-  }
+  if (const std::error_code error = m_pVolume->Stat(Nodes::PathOf(directory) / units, &entry)) return ErrnoOf(error);
+  if (units != entry.name && IsChangingCase(fuse_req_ctx(request)->pid, name)) return ENOENT;
   Node* node;
   const fuse_entry_param answer = Tell(directory, entry, units, &node);
-  if (fuse_reply_entry(request, &answer) != 0) Forget(node->id, 1);
+  if (fuse_reply_entry(request, &answer) != 0) m_Nodes.Forget(node->id, 1);
   return 0;
-}
-
-void Server::Forget(NodeId id, std::uint64_t lookups) {
-  const Node* const node = m_Nodes.Find(id);
-  if (node != nullptr && node->lookups <= lookups) m_Spellings.Forget(node);
-  m_Nodes.Forget(id, lookups);
 }
 
 // ---------------------------------------------------------------------------------------------- making
@@ -88,13 +63,13 @@ int Server::AnswerNewEntry(fuse_req_t request, Node* parent, const std::u16strin
   Node* node;
   const fuse_entry_param answer = Tell(parent, entry, name, &node);
   if (file == nullptr) {
-    if (fuse_reply_entry(request, &answer) != 0) Forget(node->id, 1);
+    if (fuse_reply_entry(request, &answer) != 0) m_Nodes.Forget(node->id, 1);
     return 0;
   }
   OpenHandle(node, file);
   if (fuse_reply_create(request, &answer, file) != 0) {
     Release(node->id);
-    Forget(node->id, 1);
+    m_Nodes.Forget(node->id, 1);
   }
   return 0;
 }
@@ -193,7 +168,7 @@ int Server::Rename(NodeId parent, const char* name, NodeId newParent, const char
     m_Nodes.Move(node, to, entry.name);
     // The kernel gives the entry its new name, and goes on believing it for as long as the old one was good for.
     if (entry.name != newUnits) {
-      node->aliased = true;
+      node->aliased = !node->directory;
       m_pNotifier->ForgetName(to->id, fatlib::ToUtf8(newUnits));
     }
   }

@@ -13,10 +13,10 @@ void WriteBack::NoteHeld() {
 std::error_code WriteBack::Changed() {
   NoteHeld();
   if (m_bAtOnce) return Commit();
-  if (!m_bWaiting) {
-    m_bWaiting = true;
-    m_Due = Clock::now() + LONGEST;
-  }
+  const Clock::time_point now = Clock::now();
+  if (!m_bWaiting) m_Latest = now + LONGEST;
+  m_bWaiting = true;
+  m_Due = std::min(now + IDLE, m_Latest);
   return {};
 }
 
@@ -52,7 +52,7 @@ std::error_code WriteBack::Sync() {
   ++m_pStats->failedCommits;
   // What is still to be written is tried again in a while.
   m_bWaiting = m_pVolume->IsDirty();
-  m_Due = Clock::now() + LONGEST;
+  m_Latest = m_Due = Clock::now() + LONGEST;
   return error;
 }
 

@@ -19,8 +19,10 @@ namespace fatmount {
 
 class WriteBack {
  public:
-  /// How long a change may wait.
+  /// How long a change may wait,
   static constexpr std::chrono::milliseconds LONGEST{5000};
+  /// and how long when no other change comes.
+  static constexpr std::chrono::milliseconds IDLE{1000};
 
   /// @param atOnce  every change is brought to the image before Changed returns
   /// @param held    counts what waits in memory to be committed; may be null
@@ -49,9 +51,10 @@ class WriteBack {
   bool m_bAtOnce;
   Stats* m_pStats;
   std::function<void(const std::string&)> m_Report;
-  bool m_bWaiting = false;  // there is a change that is not on the image
-  Clock::time_point m_Due;
-  std::error_code m_Untold;  // of a write-back that nobody waited for
+  bool m_bWaiting = false;     // there is a change that is not on the image
+  Clock::time_point m_Latest;  // when it has to be there
+  Clock::time_point m_Due;     // when it is brought there if nothing else comes
+  std::error_code m_Untold;    // of a write-back that nobody waited for
 };
 
 }  // namespace fatmount
