@@ -24,6 +24,15 @@ std::uint32_t EndOfChain(FatType type) {
   return type == FatType::Fat12 ? 0xFFFu : type == FatType::Fat16 ? 0xFFFFu : 0x0FFFFFFFu;
 }
 
+bool LiesInTwoSectors(const Geometry& geometry, std::uint32_t cluster) {
+  if (geometry.type != FatType::Fat12) return false;
+  return EntryOffset(geometry.type, cluster) % geometry.bytesPerSector == geometry.bytesPerSector - 1;
+}
+
+std::uint32_t HalfLinked(std::uint32_t cluster, std::uint32_t value) {
+  return (cluster & 1) != 0 ? 0xFF0 | (value & 0xF) : 0xF00 | (value & 0xFF);
+}
+
 std::error_code FindFatChanges(Medium* before, Medium* after, const CommitSectors& held,
                                std::vector<FatChange>* changes) {
   changes->clear();

@@ -33,6 +33,12 @@ struct FatChange {
 /// The value that ends a chain.
 std::uint32_t EndOfChain(FatType type);
 
+/// Whether an entry has parts in two sectors, as some of FAT12 have.
+bool LiesInTwoSectors(const Geometry& geometry, std::uint32_t cluster);
+/// For such an entry: the bits of a link that lie in the first sector, and those of the end of a chain in the second.
+/// It leads to no cluster, unless the volume has more than 3,838 of them.
+std::uint32_t HalfLinked(std::uint32_t cluster, std::uint32_t value);
+
 /// Changes an entry in every copy of the FAT.
 [[nodiscard]] std::error_code PutFatEntry(const Geometry& geometry, CommitSectors* sectors, std::uint32_t cluster,
                                           std::uint32_t value);

@@ -3,12 +3,10 @@
 #include "CommitPlan.h"
 
 #include <algorithm>
-#include <map>
 #include <memory>
-#include <unordered_set>
 
+#include "CommitChanges.h"
 #include "CommitFat.h"
-#include "CommitSlots.h"
 #include "Error.h"
 #include "Narrow.h"
 
@@ -27,20 +25,16 @@ class Planner {
 
  private:
   bool IsOtherVolume() const;
-  void FindDirectories(CommitTree::PLACES* places) const;
-  std::error_code CompareDirectories();
-  std::error_code FindOwners(SlotComparison* comparison);
-  std::error_code LookForOwners(SlotComparison* comparison, DirectoryPlace place, std::uint64_t* steps);
   void SortSectors();
   void OrderSectors(const DirectoryChange& change);
 
   std::error_code Allocate();
   std::error_code Diminish();
-  std::error_code CutLinks();
-  std::error_code Link(bool ofDirectories);
+  std::error_code CutLinks(bool half);
+  std::error_code Link(bool ofDirectories, bool half);
   std::error_code MakeFinal(const std::set<std::uint64_t>& sectors);
   std::error_code MakeAllFinal();
-  std::error_code EndPhase(bool oneByOne = false);
+  std::error_code EndPhase();
   CommitSectors* Stage() { return m_Layers.back().get(); }
 
   Device* m_pBase;
@@ -49,13 +43,9 @@ class Planner {
   CommitPlan* m_pPlan;
   Medium m_Before;
   Medium m_After;
-  std::vector<FatChange> m_Fat;
-  std::vector<DirectoryChange> m_Directories;
-  std::unordered_set<std::uint32_t> m_Cut;   // clusters whose links become others, and whose file is not known yet
-  std::unordered_set<std::uint32_t> m_Lost;  // clusters that directories lose
-  std::vector<SlotPatch> m_Patches;          // of entries that are not changed, but their chains
-  std::set<std::uint64_t> m_Unreached;       // sectors that no directory leads to in the third phase
-  std::set<std::uint64_t> m_Hidden;          // sectors behind the old end of a directory
+  CommitChanges m_Changes;
+  std::set<std::uint64_t> m_Unreached;  // sectors that no directory leads to in the third phase
+  std::set<std::uint64_t> m_Hidden;     // sectors behind the old end of a directory
   std::set<std::uint64_t> m_Reached;
   std::set<std::uint64_t> m_Behind;                      // sectors behind the new end of a directory
   std::vector<std::unique_ptr<CommitSectors>> m_Layers;  // each over the one before: what a phase writes
@@ -74,124 +64,30 @@ bool Planner::IsOtherVolume() const {
 std::error_code Planner::Run() {
   if (const std::error_code error = m_Before.Open(m_pBase)) return error;
   if (m_After.Open(m_pHeld) || IsOtherVolume()) return MakeAllFinal();
-  if (const std::error_code error = FindFatChanges(&m_Before, &m_After, *m_pHeld, &m_Fat)) return error;
-  if (const std::error_code error = CompareDirectories()) return error;
+  if (const std::error_code error = m_Changes.Find(&m_Before, &m_After, *m_pHeld, m_Tree)) return error;
+  m_pPlan->removed = m_Changes.removed;
+  m_pPlan->resized = m_Changes.resized;
+  m_pPlan->added = m_Changes.added;
   if (const std::error_code error = Allocate()) return error;
   if (const std::error_code error = Diminish()) return error;
   if (const std::error_code error = EndPhase()) return error;
   SortSectors();
-  if (const std::error_code error = CutLinks()) return error;
-  if (const std::error_code error = EndPhase(m_Before.Layout().type == FatType::Fat12)) return error;
-  if (const std::error_code error = Link(false)) return error;
-  if (const std::error_code error = MakeFinal(m_Unreached)) return error;
-  if (const std::error_code error = EndPhase()) return error;
-  if (const std::error_code error = Link(true)) return error;
-  if (const std::error_code error = EndPhase()) return error;
+  for (const bool half : {true, false}) {
+    if (const std::error_code error = CutLinks(half)) return error;
+    if (const std::error_code error = EndPhase()) return error;
+  }
+  for (const bool ofDirectories : {false, true}) {
+    if (const std::error_code error = Link(ofDirectories, true)) return error;
+    if (const std::error_code error = EndPhase()) return error;
+    if (const std::error_code error = Link(ofDirectories, false)) return error;
+    if (const std::error_code error = MakeFinal(m_Unreached)) return error;
+    if (const std::error_code error = EndPhase()) return error;
+  }
   for (const std::set<std::uint64_t>* sectors : {&m_Hidden, &m_Reached, &m_Behind}) {
     if (const std::error_code error = MakeFinal(*sectors)) return error;
     if (const std::error_code error = EndPhase()) return error;
   }
   return MakeAllFinal();
-}
-
-// ---------------------------------------------------------------------------------------------- what changes
-
-/// The directories of which a sector is held, or which have other clusters.
-void Planner::FindDirectories(CommitTree::PLACES* places) const {
-  const Geometry& geometry = m_Before.Layout();
-  const std::uint64_t dataStart = geometry.firstDataSector * geometry.bytesPerSector;
-  if (geometry.RootPosition() != dataStart &&
-      m_pHeld->Holds(geometry.RootPosition(), dataStart - geometry.RootPosition())) {
-    places->insert(Medium::ROOT);
-  }
-  DirectoryPlace place = Medium::ROOT;
-  const auto& sectors = m_pHeld->Sectors();
-  for (auto sector = sectors.lower_bound(geometry.firstDataSector); sector != sectors.end(); ++sector) {
-    const auto cluster =
-        static_cast<std::uint32_t>((sector->first - geometry.firstDataSector) / geometry.sectorsPerCluster + 2);
-    if (m_Tree.FindOwner(cluster, &place)) places->insert(place);
-  }
-  for (const FatChange& change : m_Fat) {
-    if (m_Tree.FindOwner(change.cluster, &place)) {
-      places->insert(place);
-      m_pPlan->resized.insert(place);
-    }
-  }
-}
-
-std::error_code Planner::CompareDirectories() {
-  for (const FatChange& change : m_Fat) {
-    const bool cut = change.IsRelinked() && !m_Before.IsEndOfChain(change.was);
-    if (cut) m_Cut.insert(change.cluster);
-  }
-  SlotComparison comparison(&m_Before, &m_After, !m_Cut.empty());
-  CommitTree::PLACES places;
-  FindDirectories(&places);
-  for (const DirectoryPlace place : places) {
-    DirectoryChange change;
-    if (const std::error_code error = comparison.Compare(place, &change)) return error;
-    m_pPlan->removed.insert(change.removed.begin(), change.removed.end());
-    m_Directories.push_back(std::move(change));
-  }
-  m_pPlan->removed.erase(Medium::ROOT);
-  // Nothing leads to what is below a directory that goes.
-  const auto gone = [this](const DirectoryChange& change) { return m_Tree.IsIn(change.place, m_pPlan->removed); };
-  for (const DirectoryChange& change : m_Directories) {
-    for (const Extent& extent : change.lost) {
-      for (std::uint32_t i = 0; i < extent.count; ++i) m_Lost.insert(extent.first + i);
-    }
-    if (gone(change)) continue;
-    for (const std::uint32_t place : change.added) m_pPlan->added.emplace_back(place, change.place);
-  }
-  if (!m_Cut.empty()) {
-    if (const std::error_code error = FindOwners(&comparison)) return error;
-  }
-  m_Directories.erase(std::remove_if(m_Directories.begin(), m_Directories.end(), gone), m_Directories.end());
-  return {};
-}
-
-/// A file that was cut and grew again inside the granularity of times has the same entry, and another chain. Its entry
-/// is found by looking at all of them, when no changed entry and no directory has the chain that changes.
-std::error_code Planner::FindOwners(SlotComparison* comparison) {
-  std::uint64_t steps = std::uint64_t{m_Before.Layout().clusters} * 4;
-  for (const auto& owner : m_Tree.Owners()) m_Cut.erase(owner.first);
-  for (const DirectoryChange& change : m_Directories) {
-    for (std::uint32_t cluster : change.chains) {
-      for (; !m_Cut.empty() && m_Before.Layout().IsCluster(cluster) && steps != 0; --steps) {
-        m_Cut.erase(cluster);
-        if (const std::error_code error = m_Before.FatEntry(cluster, &cluster)) return error;
-      }
-    }
-  }
-  if (m_Cut.empty()) return {};
-  if (const std::error_code error = LookForOwners(comparison, Medium::ROOT, &steps)) return error;
-  for (const auto& [place, parent] : m_Tree.Parents()) {
-    if (m_Tree.IsIn(place, m_pPlan->removed)) continue;
-    if (const std::error_code error = LookForOwners(comparison, place, &steps)) return error;
-  }
-  return {};
-}
-
-std::error_code Planner::LookForOwners(SlotComparison* comparison, DirectoryPlace place, std::uint64_t* steps) {
-  std::vector<RawEntry> entries;
-  const std::error_code unread = m_Before.ReadDirectory(place, &entries);
-  if (unread && unread != Status::DiskCorrupt) return unread;
-  for (const RawEntry& entry : entries) {
-    if (entry.IsDirectory() || entry.IsLabel() || entry.IsDot()) continue;
-    bool found = false;
-    std::uint32_t cluster = entry.firstCluster;
-    for (; !m_Cut.empty() && m_Before.Layout().IsCluster(cluster) && *steps != 0; --*steps) {
-      found = m_Cut.erase(cluster) != 0 || found;
-      if (const std::error_code error = m_Before.FatEntry(cluster, &cluster)) return error;
-    }
-    if (!found) continue;
-    std::uint32_t size = 0;
-    std::uint64_t position = 0;
-    if (const std::error_code error = comparison->SizeMeanwhile(entry, entry.size, &size)) return error;
-    if (const std::error_code error = m_Before.SlotPosition(place, entry.ShortSlot(), &position)) return error;
-    if (size != entry.size) m_Patches.push_back(SlotComparison::SizePatch(position, size));
-  }
-  return {};
 }
 
 // ---------------------------------------------------------------------------------------------- where it lies
@@ -208,8 +104,8 @@ void Planner::SortSectors() {
       const auto cluster =
           static_cast<std::uint32_t>((sector - geometry.firstDataSector) / geometry.sectorsPerCluster + 2);
       DirectoryPlace place = Medium::ROOT;
-      reached =
-          m_Tree.FindOwner(cluster, &place) && m_Lost.count(cluster) == 0 && !m_Tree.IsIn(place, m_pPlan->removed);
+      reached = m_Tree.FindOwner(cluster, &place) && m_Changes.lost.count(cluster) == 0 &&
+                !m_Tree.IsIn(place, m_Changes.removed);
     }
     (reached ? m_Reached : m_Unreached).insert(sector);
   };
@@ -217,7 +113,7 @@ void Planner::SortSectors() {
   for (const auto& layer : m_Layers) {
     for (const auto& [sector, bytes] : layer->Sectors()) sort(sector);
   }
-  for (const DirectoryChange& change : m_Directories) OrderSectors(change);
+  for (const DirectoryChange& change : m_Changes.directories) OrderSectors(change);
 }
 
 void Planner::OrderSectors(const DirectoryChange& change) {
@@ -253,7 +149,7 @@ void Planner::OrderSectors(const DirectoryChange& change) {
 // ---------------------------------------------------------------------------------------------- the phases
 
 std::error_code Planner::Allocate() {
-  for (const FatChange& change : m_Fat) {
+  for (const FatChange& change : m_Changes.fat) {
     if (!change.IsAllocated()) continue;
     if (const std::error_code error = PutFatEntry(m_Before.Layout(), Stage(), change.cluster, change.is)) return error;
   }
@@ -267,25 +163,33 @@ std::error_code Planner::Diminish() {
     }
     return std::error_code();
   };
-  for (const DirectoryChange& change : m_Directories) {
+  for (const DirectoryChange& change : m_Changes.directories) {
     if (const std::error_code error = put(change.patches)) return error;
   }
-  return put(m_Patches);
+  return put(m_Changes.patches);
 }
 
-std::error_code Planner::CutLinks() {
-  for (const FatChange& change : m_Fat) {
+std::error_code Planner::CutLinks(bool half) {
+  const Geometry& geometry = m_Before.Layout();
+  for (const FatChange& change : m_Changes.fat) {
     if (!change.IsRelinked() || m_Before.IsEndOfChain(change.was)) continue;
-    const std::uint32_t end = m_Before.IsEndOfChain(change.is) ? change.is : EndOfChain(m_Before.Layout().type);
-    if (const std::error_code error = PutFatEntry(m_Before.Layout(), Stage(), change.cluster, end)) return error;
+    std::uint32_t value = m_Before.IsEndOfChain(change.is) ? change.is : EndOfChain(geometry.type);
+    if (half) {
+      if (!LiesInTwoSectors(geometry, change.cluster)) continue;
+      value = HalfLinked(change.cluster, change.was);
+    }
+    if (const std::error_code error = PutFatEntry(geometry, Stage(), change.cluster, value)) return error;
   }
   return {};
 }
 
-std::error_code Planner::Link(bool ofDirectories) {
-  for (const FatChange& change : m_Fat) {
+std::error_code Planner::Link(bool ofDirectories, bool half) {
+  const Geometry& geometry = m_Before.Layout();
+  for (const FatChange& change : m_Changes.fat) {
     if (!change.IsRelinked() || m_Tree.HasCluster(change.cluster) != ofDirectories) continue;
-    if (const std::error_code error = PutFatEntry(m_Before.Layout(), Stage(), change.cluster, change.is)) return error;
+    if (half && (m_Before.IsEndOfChain(change.is) || !LiesInTwoSectors(geometry, change.cluster))) continue;
+    const std::uint32_t value = half ? HalfLinked(change.cluster, change.is) : change.is;
+    if (const std::error_code error = PutFatEntry(geometry, Stage(), change.cluster, value)) return error;
   }
   return {};
 }
@@ -312,7 +216,7 @@ std::error_code Planner::MakeAllFinal() {
 }
 
 /// Takes what was put since the last phase, and differs.
-std::error_code Planner::EndPhase(bool oneByOne) {
+std::error_code Planner::EndPhase() {
   constexpr std::size_t MAX_WRITE_BYTES = std::size_t{1} << 20;
   CommitSectors* const stage = Stage();
   Device* const below = m_Layers.size() == 1 ? m_pBase : m_Layers[m_Layers.size() - 2].get();
@@ -322,7 +226,7 @@ std::error_code Planner::EndPhase(bool oneByOne) {
     const std::uint64_t position = stage->PositionOf(sector);
     if (const std::error_code error = below->Read(position, old.data(), old.size())) return error;
     if (old == bytes) continue;
-    const bool joins = !oneByOne && !phase.empty() && phase.back().position + phase.back().bytes.size() == position &&
+    const bool joins = !phase.empty() && phase.back().position + phase.back().bytes.size() == position &&
                        phase.back().bytes.size() < MAX_WRITE_BYTES;
     if (!joins) {
       phase.push_back({position, bytes});
@@ -334,7 +238,6 @@ std::error_code Planner::EndPhase(bool oneByOne) {
     stage->Clear();
     return {};
   }
-  if (oneByOne) std::reverse(phase.begin(), phase.end());
   m_pPlan->phases.push_back(std::move(phase));
   m_Layers.push_back(std::make_unique<CommitSectors>(stage, stage->BytesPerSector()));
   return {};

@@ -7,6 +7,8 @@
 ///  1  Clusters that become used get their entries in the FATs. Nothing leads there yet.
 ///     Directories lose what they lose (see CommitSlots.h). What was there is a lost chain from now on.
 ///  2  Links that become others are cut: they become ends of chains. Files in the directories are no longer than that.
+///     Here and in the next two phases, an entry of FAT12 that lies in two sectors has its upper bits set for a while,
+///     so that it leads nowhere whichever of the sectors is written.
 ///  3  Links get their values, but for those of directories. What leads to a directory's cluster only after this is
 ///     final: clusters of directories that are gone, or that moved, or are none any more, get their bytes.
 ///  4  Links of directories get their values: the directories grow.
@@ -27,8 +29,7 @@
 
 namespace fatlib {
 
-/// Sorted, and none touches the next one but in the phase that cuts links of FAT12, whose sectors come one by one from
-/// the last to the first.
+/// Sorted; of bytes that lie together.
 using CommitPhase = std::vector<CommitWrite>;
 
 struct CommitPlan {

@@ -23,7 +23,8 @@
 /// What a check may find then: lost clusters; chains longer than the size needs; the copies of the FAT differing; a
 /// wrong count of free clusters; parts of a long name without the entry, or an entry without its long name, where its
 /// slots lie in two sectors; the label in one of its two places. On FAT12 an entry of the FAT may lie in two sectors: a
-/// cut between them can leave a chain that leads anywhere behind the end of its file.
+/// cut between them can leave a chain that is broken behind the end of its file, and, on a volume of more than 3,838
+/// clusters, one that leads there to any cluster.
 ///
 /// Sectors of the volume's size must be written whole or not at all. Between the phases the base device is flushed, so
 /// that it may put off and reorder writes between two flushes as it likes.

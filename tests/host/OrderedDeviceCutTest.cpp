@@ -27,6 +27,7 @@ unsigned int FromEnvironment(const char* name, unsigned int otherwise) {
 struct SCENE {
   const char* name;
   TEST_SHAPE shape;
+  std::uint32_t firstFree;
   std::uint32_t freeClusters;
   unsigned int maxFileBytes;
   bool longNames;
@@ -39,7 +40,7 @@ class CCuts {
  public:
   CCuts(const SCENE& scene, unsigned int seed)
       : m_Scene(scene), m_Random(seed), m_pRecord(std::make_shared<RECORD>()), m_pPlain(std::make_shared<RECORD>()) {
-    m_pRecord->bytes = m_pPlain->bytes = SmallVolume(scene.shape, scene.freeClusters);
+    m_pRecord->bytes = m_pPlain->bytes = SmallVolume(scene.shape, scene.firstFree, scene.freeClusters);
     std::unique_ptr<OrderedDevice> device;
     EXPECT_FALSE(OrderedDevice::Open(std::make_unique<CRecordingDevice>(m_pRecord), &device));
     m_pDevice = device.get();
@@ -238,30 +239,19 @@ class CCuts {
       if (write.IsFlush()) {
         phase.clear();
         for (std::size_t next = i + 1; next < m_pRecord->log.size() && !m_pRecord->log[next].IsFlush(); ++next) {
-          Split(m_pRecord->log[next], sectorBytes, &phase);
+          const std::vector<RECORDED_WRITE> sectors = SectorsOf(m_pRecord->log[next], sectorBytes);
+          phase.insert(phase.end(), sectors.begin(), sectors.end());
         }
         Shuffle(image, phase);
         continue;
       }
-      std::vector<RECORDED_WRITE> sectors;
-      Split(write, sectorBytes, &sectors);
-      for (const RECORDED_WRITE& sector : sectors) {
-        std::copy(sector.bytes.begin(), sector.bytes.end(), image.data() + sector.position);
+      for (const RECORDED_WRITE& sector : SectorsOf(write, sectorBytes)) {
+        Apply(sector, &image);
         ++m_nCuts;
         LookAt(&image);
       }
     }
     EXPECT_TRUE(image == m_pRecord->bytes) << "step " << m_nStep;
-  }
-
-  static void Split(const RECORDED_WRITE& write, unsigned int sectorBytes, std::vector<RECORDED_WRITE>* sectors) {
-    for (std::size_t done = 0; done < write.bytes.size();) {
-      const std::size_t inSector = static_cast<std::size_t>((write.position + done) % sectorBytes);
-      const std::size_t count = std::min(write.bytes.size() - done, sectorBytes - inSector);
-      const auto from = write.bytes.begin() + static_cast<std::ptrdiff_t>(done);
-      sectors->push_back({write.position + done, {from, from + static_cast<std::ptrdiff_t>(count)}});
-      done += count;
-    }
   }
 
   /// Between two flushes a device writes what it likes, and leaves the rest.
@@ -270,12 +260,15 @@ class CCuts {
     for (unsigned int i = 0; i < 2 && !testing::Test::HasFailure(); ++i) {
       std::vector<unsigned char> copy = image;
       for (const RECORDED_WRITE& sector : phase) {
-        if (Below(2) == 0) std::copy(sector.bytes.begin(), sector.bytes.end(), copy.data() + sector.position);
+        if (Below(2) == 0) Apply(sector, &copy);
       }
       ++m_nShuffles;
       LookAt(&copy);
     }
   }
+
+  /// An entry of the FAT: only this scene is that far behind in it.
+  bool HasEntryInTwoSectors() const { return m_Scene.firstFree > 3; }
 
   bool IsAllowed(Defect::Kind kind) const {
     switch (kind) {
@@ -284,6 +277,8 @@ class CCuts {
       case Defect::FatCopiesDiffer:
       case Defect::FsInfoWrongCount:
         return true;
+      case Defect::ChainBroken:  // for a moment
+        return HasEntryInTwoSectors();
       case Defect::OrphanLongName:
       case Defect::BadLongName:
         return m_Scene.longNames;
@@ -308,6 +303,11 @@ class CCuts {
       kinds.insert(defect.kind);
     }
     for (const int kind : kinds) ++m_Defects[kind];
+    // A program that shares nothing with the check looks at some of them.
+    const bool small = image->size() < (std::size_t{8} << 20);
+    if (m_nCuts % 40 == 0 && small && !HasEntryInTwoSectors()) {
+      EXPECT_EQ(FsckObjections(*image), "") << m_sCut;
+    }
     const IMAGE_TREE tree = TreeOf(image);
     for (const auto& [path, bytes] : m_Before) {
       if (IsTouched(path)) continue;
@@ -361,12 +361,13 @@ TEST_P(OrderedDeviceCuts, LeaveWhatWasNotTouched) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Scenes, OrderedDeviceCuts,
-                         testing::Values(SCENE{"Fat12Short", {12, 1u << 20, 512, 16}, 60, 4000, false, 300},
-                                         SCENE{"Fat12Long", {12, 1u << 20, 512, 64}, 90, 4000, true, 300},
-                                         SCENE{"Fat16Short", {16, 3u << 20, 512, 16}, 60, 4000, false, 200},
-                                         SCENE{"Fat16Long", {16, 5u << 20, 1024, 64}, 60, 9000, true, 200},
-                                         SCENE{"Fat32Short", {32, 36u << 20, 512, 0}, 60, 4000, false, 60},
-                                         SCENE{"Fat32Long", {32, 36u << 20, 512, 0}, 90, 4000, true, 60}),
+                         testing::Values(SCENE{"Fat12Short", {12, 1u << 20, 512, 16}, 3, 60, 4000, false, 300},
+                                         SCENE{"Fat12Long", {12, 1u << 20, 512, 64}, 3, 90, 4000, true, 300},
+                                         SCENE{"Fat12TwoSectors", {12, 1u << 20, 512, 16}, 320, 40, 4000, false, 200},
+                                         SCENE{"Fat16Short", {16, 3u << 20, 512, 16}, 3, 60, 4000, false, 200},
+                                         SCENE{"Fat16Long", {16, 5u << 20, 1024, 64}, 3, 60, 9000, true, 200},
+                                         SCENE{"Fat32Short", {32, 36u << 20, 512, 0}, 3, 60, 4000, false, 60},
+                                         SCENE{"Fat32Long", {32, 36u << 20, 512, 0}, 3, 90, 4000, true, 60}),
                          [](const testing::TestParamInfo<SCENE>& scene) { return std::string(scene.param.name); });
 
 }  // namespace

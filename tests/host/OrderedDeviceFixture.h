@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -92,13 +93,33 @@ class CViewDevice final : public fatlib::Device {
   std::vector<unsigned char>* m_pBytes;
 };
 
-/// A formatted volume on which all clusters but the first ones are marked as bad.
-inline std::vector<unsigned char> SmallVolume(const TEST_SHAPE& shape, std::uint32_t freeClusters) {
+/// The sectors of a write one by one, as a device may write them.
+inline std::vector<RECORDED_WRITE> SectorsOf(const RECORDED_WRITE& write, unsigned int sectorBytes) {
+  std::vector<RECORDED_WRITE> sectors;
+  for (std::size_t done = 0; done < write.bytes.size();) {
+    const auto inSector = static_cast<std::size_t>((write.position + done) % sectorBytes);
+    const std::size_t count = std::min(write.bytes.size() - done, sectorBytes - inSector);
+    const auto from = write.bytes.begin() + static_cast<std::ptrdiff_t>(done);
+    sectors.push_back({write.position + done, {from, from + static_cast<std::ptrdiff_t>(count)}});
+    done += count;
+  }
+  return sectors;
+}
+
+inline void Apply(const RECORDED_WRITE& write, std::vector<unsigned char>* image) {
+  std::copy(write.bytes.begin(), write.bytes.end(), image->data() + write.position);
+}
+
+/// A formatted volume on which all clusters but some are marked as bad.
+/// @param firstFree  the root directory's cluster on FAT32 is left out in any case
+inline std::vector<unsigned char> SmallVolume(const TEST_SHAPE& shape, std::uint32_t firstFree,
+                                              std::uint32_t freeClusters) {
   std::vector<unsigned char> bytes = FormattedImage(shape);
   CViewDevice device(&bytes);
   fatlib::Medium medium;
   EXPECT_FALSE(medium.Open(&device));
-  for (std::uint32_t cluster = 3 + freeClusters; cluster < medium.Layout().clusters + 2; ++cluster) {
+  for (std::uint32_t cluster = 3; cluster < medium.Layout().clusters + 2; ++cluster) {
+    if (cluster >= firstFree && cluster < firstFree + freeClusters) continue;
     EXPECT_FALSE(medium.SetFatEntry(cluster, shape.bits == 12 ? 0xFF7 : shape.bits == 16 ? 0xFFF7 : 0x0FFFFFF7));
   }
   EXPECT_FALSE(medium.WriteFsInfo());
@@ -171,6 +192,42 @@ inline fatlib::CheckReport ReportOf(std::vector<unsigned char>* bytes) {
   EXPECT_FALSE(medium.Open(&device));
   EXPECT_FALSE(fatlib::Check(&medium, &report));
   return report;
+}
+
+/// The lines of fsck.fat that tell of more than what a cut may leave; empty when there are none.
+inline std::string FsckObjections(const std::vector<unsigned char>& bytes) {
+  static const std::vector<std::string> expected = {"fsck.fat ",
+                                                    " files, ",
+                                                    "FATs differ but appear to be intact",
+                                                    "Using first FAT",
+                                                    "File size is ",
+                                                    "Truncating file to ",
+                                                    "Reclaimed ",
+                                                    "Free cluster summary wrong",
+                                                    "Long filename fragment",
+                                                    "start bit is missing",
+                                                    "start bit may have been incorrectly set",
+                                                    "Wrong checksum for long file name",
+                                                    "Checksum in long filename part wrong",
+                                                    "auto-correcting",
+                                                    "Auto-correcting",
+                                                    "Auto-setting",
+                                                    "Deleting",
+                                                    "Leaving filesystem unchanged"};
+  const CTempDir place;
+  WriteHostFile(place / "image", bytes);
+  std::istringstream output(RunProcess({"fsck.fat", "-n", place / "image"}).Output);
+  std::string objections;
+  for (std::string line; std::getline(output, line);) {
+    const bool isPath = line.empty() || line[0] == '/';
+    const bool isExpected = isPath || std::any_of(expected.begin(), expected.end(), [&line](const std::string& text) {
+                              return line.find(text) != std::string::npos;
+                            });
+    // A chain may be longer than the size says, and not shorter.
+    const bool isShort = line.find("File size is ") != std::string::npos && line.find(" > ") == std::string::npos;
+    if (!isExpected || isShort) objections += line + "\n";
+  }
+  return objections;
 }
 
 inline std::string TextOf(const fatlib::CheckReport& report) {
