@@ -104,7 +104,7 @@ std::string Exerciser::HostPath(const Node& directory, const std::string& name) 
 }
 
 std::string Exerciser::Written(const Node& node) {
-  return m_Settings.ordinary || m_Random.Percent(80) ? node.name : InOtherCase(node.name, m_Random);
+  return m_Settings.ordinary || m_Settings.exact || m_Random.Percent(80) ? node.name : InOtherCase(node.name, m_Random);
 }
 
 // How much all files may grow together; those that are removed but open take room too.

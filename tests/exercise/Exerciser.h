@@ -34,6 +34,7 @@ struct Settings {
   std::size_t files = 40;        ///< about as many files and directories at a time
   std::size_t bytes = 8u << 20;  ///< of all files together
   bool ordinary = false;         ///< not FAT: case matters, names may have any character, files may have holes
+  bool exact = false;            ///< paths are always spelt as they were created, never in another case
   bool full = false;             ///< room may run out; an operation refused for that must leave everything as it was
   Plant plant = Plant::Nothing;  ///< change the model once, which must be noticed
   std::uint64_t stepsToCheck = 400;  ///< between two times that everything is read back

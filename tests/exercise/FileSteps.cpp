@@ -130,7 +130,8 @@ void Exerciser::MapWrite() {
   const std::size_t offset = m_Random.Below(node.bytes.size());
   const std::vector<unsigned char> bytes =
       m_Random.Bytes(1 + SomeSize(std::min(LONGEST_TRANSFER, node.bytes.size() - offset - 1)));
-  const bool flushed = m_Random.Percent(60);
+  // Under another spelling of its name a file shows what came through memory only when that is flushed.
+  const bool flushed = m_Random.Percent(60) || (!m_Settings.ordinary && !m_Settings.exact);
   const std::string what = "write " + At(offset, bytes.size()) + " through memory to " + Called(node);
   Note(what + (flushed ? ", and msync" : ""));
   const Mapping mapping(open->fd, offset, bytes.size(), PROT_READ | PROT_WRITE);
@@ -161,7 +162,9 @@ void Exerciser::Truncate() {
   if (!open) return;
   Node& node = *open->node;
   const std::size_t old = node.bytes.size();
-  const std::size_t size = m_Random.Percent(50) ? m_Random.Below(old + 1) : SomeSize(old + RoomForBytes());
+  // Where room is to run out, files must grow.
+  const unsigned shorter = m_Settings.full ? 15 : 50;
+  const std::size_t size = m_Random.Percent(shorter) ? m_Random.Below(old + 1) : SomeSize(old + RoomForBytes());
   const bool byPath = node.parent && m_Random.Percent(30);
   const std::string what = (byPath ? "truncate " : "ftruncate ") + Called(node) + " from " + std::to_string(old) +
                            " to " + std::to_string(size);

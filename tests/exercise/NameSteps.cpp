@@ -58,7 +58,7 @@ void Exerciser::Open() {
     flags |= O_APPEND;
     open.append = true;
   }
-  const bool cut = open.writable && m_Random.Percent(10);
+  const bool cut = open.writable && m_Random.Percent(5);
   if (cut) flags |= O_TRUNC;
   if (m_Random.Percent(20)) flags |= O_CREAT;
   const std::string path = HostPath(*file);
@@ -118,7 +118,8 @@ void Exerciser::MakeDirectory() {
   const NodePtr parent = SomeDirectory();
   const std::string name = MakeName(m_Random);
   if (m_Model.Find(*parent, name) || Model::DepthOf(*parent) >= DEEPEST || !Fits(*parent, name, 0)) return;
-  if (m_Model.All().size() >= m_Settings.files) return RemoveDirectory();
+  if (m_Model.All().size() >= m_Settings.files || m_Model.Directories().size() > m_Settings.files / 4)
+    return RemoveDirectory();
   const std::string path = HostPath(*parent, name);
   Note("mkdir " + path);
   if (!Done(mkdir(path.c_str(), DIRECTORY_MODE), "mkdir " + path)) return CheckListing(*parent);

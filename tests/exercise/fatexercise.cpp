@@ -21,10 +21,11 @@ namespace {
 
 constexpr int EXIT_USAGE = 2;
 constexpr char USAGE[] =
-    "fatexercise FOLDER [--seed N] [--seconds S | --steps N] [--files K] [--max-bytes B] [--full] [--ordinary]\n"
-    "            [--plant byte|size|name|time]\n"
+    "fatexercise FOLDER [--seed N] [--seconds S | --steps N] [--files K] [--max-bytes B] [--full] [--exact]\n"
+    "            [--ordinary] [--plant byte|size|name|time]\n"
     "Works the empty FOLDER at random and holds it against a model in memory. What it does follows from the seed.\n"
     "  --full       room may run out; what is refused for that must leave everything as it was\n"
+    "  --exact      paths are spelt as they were created, never in another case\n"
     "  --ordinary   the folder is not FAT: upper and lower case differ, every name is taken, files may have holes\n"
     "  --plant X    makes the model wrong once; the exit status must then be 1\n";
 
@@ -60,6 +61,8 @@ bool Parse(int count, char** words, Arguments* arguments) {
     std::uint64_t number = 0;
     if (word == "--full") {
       settings.full = true;
+    } else if (word == "--exact") {
+      settings.exact = true;
     } else if (word == "--ordinary") {
       settings.ordinary = true;
     } else if (word.rfind("--", 0) != 0 && settings.folder.empty()) {
@@ -112,9 +115,10 @@ int Run(const Arguments& arguments) {
   } catch (const exercise::Mismatch& mismatch) {
     std::fprintf(stderr, "The last operations:\n");
     for (const std::string& operation : exerciser.LastOperations()) std::fprintf(stderr, "  %s\n", operation.c_str());
-    std::fprintf(stderr, "MISMATCH with --seed %llu --files %zu --max-bytes %zu%s%s: %s\n",
+    std::fprintf(stderr, "MISMATCH with --seed %llu --files %zu --max-bytes %zu%s%s%s: %s\n",
                  static_cast<unsigned long long>(settings.seed), settings.files, settings.bytes,
-                 settings.full ? " --full" : "", settings.ordinary ? " --ordinary" : "", mismatch.what());
+                 settings.full ? " --full" : "", settings.exact ? " --exact" : "",
+                 settings.ordinary ? " --ordinary" : "", mismatch.what());
     return EXIT_FAILURE;
   }
   std::size_t bytes = 0;
