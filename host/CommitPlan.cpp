@@ -51,7 +51,7 @@ class Planner {
   std::vector<std::unique_ptr<CommitSectors>> m_Layers;  // each over the one before: what a phase writes
 };
 
-/// Whether the boot sector has become that of a volume with another layout: there is nothing to be kept then.
+/// Whether the boot sector has become that of a volume with another layout.
 bool Planner::IsOtherVolume() const {
   const Geometry& was = m_Before.Layout();
   const Geometry& is = m_After.Layout();
@@ -62,8 +62,11 @@ bool Planner::IsOtherVolume() const {
 }
 
 std::error_code Planner::Run() {
-  if (const std::error_code error = m_Before.Open(m_pBase)) return error;
-  if (m_After.Open(m_pHeld) || IsOtherVolume()) return MakeAllFinal();
+  std::error_code opened = m_Before.Open(m_pBase);
+  if (!opened) opened = m_After.Open(m_pHeld);
+  if (opened && opened != Status::NotAVolume) return opened;
+  // Of a volume that is made anew, or destroyed, nothing is to be kept.
+  if (opened || IsOtherVolume()) return MakeAllFinal();
   if (const std::error_code error = m_Changes.Find(&m_Before, &m_After, *m_pHeld, m_Tree)) return error;
   m_pPlan->removed = m_Changes.removed;
   m_pPlan->resized = m_Changes.resized;
@@ -77,11 +80,13 @@ std::error_code Planner::Run() {
     if (const std::error_code error = EndPhase()) return error;
   }
   for (const bool ofDirectories : {false, true}) {
-    if (const std::error_code error = Link(ofDirectories, true)) return error;
-    if (const std::error_code error = EndPhase()) return error;
-    if (const std::error_code error = Link(ofDirectories, false)) return error;
-    if (const std::error_code error = MakeFinal(m_Unreached)) return error;
-    if (const std::error_code error = EndPhase()) return error;
+    for (const bool half : {true, false}) {
+      if (const std::error_code error = Link(ofDirectories, half)) return error;
+      if (!ofDirectories && !half) {
+        if (const std::error_code error = MakeFinal(m_Unreached)) return error;
+      }
+      if (const std::error_code error = EndPhase()) return error;
+    }
   }
   for (const std::set<std::uint64_t>* sectors : {&m_Hidden, &m_Reached, &m_Behind}) {
     if (const std::error_code error = MakeFinal(*sectors)) return error;

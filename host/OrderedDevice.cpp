@@ -54,7 +54,9 @@ OrderedDevice::State::State(std::unique_ptr<Device> device, const Geometry& layo
 
 std::error_code OrderedDevice::State::LookAtDirectories() {
   Medium medium;
-  if (const std::error_code error = medium.Open(base.get())) return error;
+  tree = {};
+  const std::error_code error = medium.Open(base.get());
+  if (error) return error == Status::NotAVolume ? Status::DiskCorrupt : error;
   return tree.Build(&medium);
 }
 
@@ -62,6 +64,7 @@ void OrderedDevice::State::MarkClusters() {
   std::fill(marks.begin(), marks.end(), 0);
   for (const auto& [cluster, place] : tree.Owners()) {
     const std::uint32_t index = cluster - 2;
+    if (index >= geometry.clusters) continue;  // of another volume, which was written over this one
     marks[index >> 6] |= std::uint64_t{1} << (index & 63);
   }
 }
@@ -136,8 +139,8 @@ std::error_code OrderedDevice::State::WritePhases(const CommitPlan& plan) {
 std::error_code OrderedDevice::State::FollowTree(const CommitPlan& plan) {
   if (plan.removed.empty() && plan.resized.empty() && plan.added.empty()) return {};
   Medium medium;
-  if (const std::error_code error = medium.Open(base.get())) return error;
-  std::error_code error;
+  std::error_code error = medium.Open(base.get());
+  if (error) return error;
   tree.Remove(plan.removed);
   for (const DirectoryPlace place : plan.resized) {
     const bool there = place == Medium::ROOT || tree.Parents().count(place) != 0;

@@ -13,10 +13,9 @@
 ///    happens where the entries of a full directory are slid together;
 ///  - no two files or directories have a cluster in common, no chain leads to a free cluster or to itself, and none is
 ///    too short for its file's size;
-///  - a file that was changed has its old or its new entry or is not there, or has its entry with a size that is none
-///  of
-///    the two but smaller, or 0. It may have any of its old and new bytes, and, when it was cut or removed since the
-///    last commit and its clusters were taken by others, bytes of others: what was given up is not kept for it;
+///  - a file that was changed has its old or its new entry, or one with a smaller size than both, or is not there. It
+///    may have any of its old and new bytes, and, when it was cut or removed since the last commit and its clusters
+///    were taken by others, bytes of others: what was given up is not kept for it;
 ///  - what was removed or made may be there or not. What was renamed or moved is there under its old path, under its
 ///    new one, or not at all: its bytes are then in lost clusters. A directory takes along all that is below it.
 ///
@@ -30,7 +29,8 @@
 /// that it may put off and reorder writes between two flushes as it likes.
 ///
 /// Nothing on the medium is trusted. On a volume that was damaged before, or that is not consistent when Flush is
-/// called, all of this holds as far as it can, and the result of the commit is what was written.
+/// called, all of this holds as far as it can, and the result of the commit is what was written. A volume with another
+/// layout can be written over this one, without order; the device is to be opened anew then.
 
 #ifndef FATLIB_ORDEREDDEVICE_H
 #define FATLIB_ORDEREDDEVICE_H

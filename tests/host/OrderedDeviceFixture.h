@@ -33,6 +33,8 @@ struct RECORD {
   std::vector<RECORDED_WRITE> log;
   std::uint64_t writes = 0;
   std::uint64_t failAt = 0;  ///< the write with this number, from 1, fails. 0: none
+  std::uint64_t reads = 0;
+  std::uint64_t failReadAt = 0;  ///< the same for reads
   fatlib::Access mode = fatlib::Access::ReadWrite;
 };
 
@@ -42,17 +44,19 @@ class CRecordingDevice final : public fatlib::Device {
   explicit CRecordingDevice(std::shared_ptr<RECORD> record) : m_pRecord(std::move(record)) {}
 
   std::error_code Read(std::uint64_t position, void* buffer, std::size_t size) override {
+    if (++m_pRecord->reads == m_pRecord->failReadAt) return fatlib::Status::IoError;
     auto* out = static_cast<unsigned char*>(buffer);
     std::fill_n(out, size, static_cast<unsigned char>(0));
     const std::vector<unsigned char>& bytes = m_pRecord->bytes;
-    if (position < bytes.size()) std::copy_n(bytes.data() + position, std::min(size, bytes.size() - position), out);
+    if (position < bytes.size())
+      std::copy_n(bytes.data() + ToSize(position), std::min(size, bytes.size() - ToSize(position)), out);
     return {};
   }
   std::error_code Write(std::uint64_t position, const void* buffer, std::size_t size) override {
     if (++m_pRecord->writes == m_pRecord->failAt) return fatlib::Status::IoError;
     if (position + size > m_pRecord->bytes.size()) return fatlib::Status::IoError;
     const auto* in = static_cast<const unsigned char*>(buffer);
-    std::copy_n(in, size, m_pRecord->bytes.data() + position);
+    std::copy_n(in, size, m_pRecord->bytes.data() + ToSize(position));
     m_pRecord->log.push_back({position, {in, in + size}});
     return {};
   }
@@ -75,14 +79,13 @@ class CViewDevice final : public fatlib::Device {
     auto* out = static_cast<unsigned char*>(buffer);
     std::fill_n(out, size, static_cast<unsigned char>(0));
     if (position < m_pBytes->size()) {
-      std::copy_n(m_pBytes->data() + position, std::min(size, m_pBytes->size() - static_cast<std::size_t>(position)),
-                  out);
+      std::copy_n(m_pBytes->data() + ToSize(position), std::min(size, m_pBytes->size() - ToSize(position)), out);
     }
     return {};
   }
   std::error_code Write(std::uint64_t position, const void* buffer, std::size_t size) override {
     if (position + size > m_pBytes->size()) return fatlib::Status::IoError;
-    std::copy_n(static_cast<const unsigned char*>(buffer), size, m_pBytes->data() + position);
+    std::copy_n(static_cast<const unsigned char*>(buffer), size, m_pBytes->data() + ToSize(position));
     return {};
   }
   std::error_code Flush() override { return {}; }
@@ -107,7 +110,7 @@ inline std::vector<RECORDED_WRITE> SectorsOf(const RECORDED_WRITE& write, unsign
 }
 
 inline void Apply(const RECORDED_WRITE& write, std::vector<unsigned char>* image) {
-  std::copy(write.bytes.begin(), write.bytes.end(), image->data() + write.position);
+  std::copy(write.bytes.begin(), write.bytes.end(), image->data() + ToSize(write.position));
 }
 
 /// A formatted volume on which all clusters but some are marked as bad.
