@@ -259,4 +259,33 @@ TEST_P(OrderedCommitOf, BothCopiesOfTheFatAreEqualAfterwards) {
   EXPECT_TRUE(std::equal(first, first + static_cast<std::ptrdiff_t>(bytes), second));
 }
 
+// A half of the new link and a half of the old one would lead to B or C.
+TEST(OrderedCommit, LinkOfFat12InTwoSectors_NeverLeadsToAnother) {
+  COrdered volume(12);
+  volume.mayBreak = true;
+  volume.File(ROOT, 0, "A          ", {341});
+  volume.File(ROOT, 1, "B          ", {0x15F});
+  volume.File(ROOT, 2, "C          ", {0x1FF});
+  volume.File(ROOT, 3, "D          ", {682});
+  volume.Begin();
+  volume.File(ROOT, 0, "A          ", {341, 0x150});
+  volume.File(ROOT, 3, "D          ", {682, 0x151});
+  volume.ExpectSoundCuts();
+}
+
+TEST(OrderedCommit, LinkOfFat12InTwoSectors_IsCutWithoutLeadingToAnother) {
+  COrdered volume(12);
+  volume.mayBreak = true;
+  volume.File(ROOT, 0, "A          ", {341, 0x150});
+  volume.File(ROOT, 1, "B          ", {0x15F});
+  volume.File(ROOT, 2, "C          ", {0x1FF});
+  volume.File(ROOT, 3, "D          ", {682, 0x151});
+  volume.Begin();
+  volume.File(ROOT, 0, "A          ", {341});
+  volume.File(ROOT, 3, "D          ", {682});
+  volume.Free(0x150);
+  volume.Free(0x151);
+  volume.ExpectSoundCuts();
+}
+
 }  // namespace

@@ -1,6 +1,8 @@
 /// @file OrderedDeviceTest.cpp
 /// What passes, what is kept, and what becomes of it when writing or reading fails.
 
+#include <random>
+
 #include "OrderedDeviceVolume.h"
 
 using fatlib::Access;
@@ -136,6 +138,29 @@ void MakeMuch(COrdered* volume) {
   volume->File(ROOT, 2, "B          ", {8, 9, 10});
   volume->Directory(ROOT, 3, "E          ", 20);
   volume->Begin();
+}
+
+// No order is promised for what is no sound volume any more, but that it comes as it was written, and comes to an end.
+TEST_P(OrderedDeviceOf, AnyBytesInFatsAndDirectories_AreWrittenAsTheyAre) {
+  std::mt19937 random(7);
+  COrdered volume(GetParam());
+  MakeMuch(&volume);
+  const std::uint64_t dataStart = volume.medium.Layout().ClusterPosition(2);
+  for (unsigned int round = 0; round < (GetParam() == 32 ? 20u : 200u); ++round) {
+    for (unsigned int i = 0; i < 60; ++i) {
+      // Mostly the first entries of a FAT, the root, and the first clusters; seldom the boot sector.
+      const std::uint64_t area = volume.medium.Layout().FatPosition(random() % 2);
+      std::uint64_t position = random() % 3 == 0 ? area + random() % 128 : dataStart - 512 + random() % 12000;
+      if (random() % 2000 == 0) position = 11 + random() % 60;
+      const auto byte = static_cast<unsigned char>(random() % 3 == 0 ? random() : random() % 32);
+      EXPECT_FALSE(volume.device->Write(position, &byte, 1));
+    }
+    std::vector<unsigned char> current(volume.record->bytes.size());
+    ASSERT_FALSE(volume.device->Read(0, current.data(), current.size()));
+    ASSERT_FALSE(volume.device->Flush());
+    ASSERT_TRUE(volume.record->bytes == current) << "round " << round;
+    EXPECT_EQ(volume.device->HeldBytes(), 0u);
+  }
 }
 
 /// Lets one transfer of a commit fail. @return false when there are not that many
