@@ -167,7 +167,9 @@ void Exerciser::DoRename(Node& node, Node& directory, const std::string& name) {
   const NodePtr over = m_Model.Find(directory, name);
   if (!Fits(directory, name, Model::UnitsBelow(node))) return;
   if (node.directory && Model::DepthOf(directory) + 1 + LevelsBelow(node) > DEEPEST) return;
-  const std::string from = HostPath(node);
+  // Of a file by another spelling to that spelling is a rename of nothing to the same: so a new spelling comes from the
+  // old.
+  const std::string from = over.get() == &node ? HostPath(*node.parent, node.name) : HostPath(node);
   const std::string to = HostPath(directory, name);
   const std::string what = "rename " + from + " to " + to;
   Note(what + (over ? ", over " + Model::PathOf(*over) : ""));

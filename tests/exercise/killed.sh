@@ -36,9 +36,8 @@ round_of_kill() { # ROUND WORK...
     rm -rf "${folder:?}"/*
     return 0
   fi
-  kill -0 "$worker" || fail "the work was over before the kill: $(tail -n 3 "$work/worker")"
-  volume_kill
-  wait "$worker" || true
+  kill -0 "$worker" || fail "the work was over before the kill: $(tail -n 8 "$work/worker")"
+  volume_kill "$worker"
   judge_cut
   volume_mount
   diff -r "$sources/docs" "$folder/kept" || fail "what nobody touched was harmed"

@@ -50,25 +50,32 @@ volume_mount() { # OPTION-OF-FATMOUNT...
   fail "the volume was not mounted"
 }
 
-volume_unmount() {
-  [ -n "$pid" ] || return 0
+# Something may still look at it for a moment.
+unmount_patiently() {
   local tries
   for ((tries = 0; tries < 50; ++tries)); do
-    fusermount3 -u "$folder" && break
-    sleep 0.2 # something still looks at it
+    fusermount3 -u "$folder" && return 0
+    sleep 0.2
   done
+  return 1
+}
+
+volume_unmount() {
+  [ -n "$pid" ] || return 0
+  unmount_patiently || fail "the volume cannot be unmounted"
   local status=0
   wait "$pid" || status=$?
   pid=
   [ "$status" = 0 ] || fail "fatmount ended with status $status"
 }
 
-# Ends it in the middle of everything.
-volume_kill() {
+# Ends it in the middle of everything. What works in it learns so, and ends too.
+volume_kill() { # PROCESS-AT-WORK
   kill -KILL "$pid"
   wait "$pid" || true
   pid=
-  fusermount3 -u "$folder"
+  wait "$1" || true
+  unmount_patiently || fail "what is left of the mount cannot be removed"
 }
 
 # Leaves neither a mount nor a process behind, whatever has happened.
