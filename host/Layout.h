@@ -136,6 +136,8 @@ static_assert(offsetof(ShortEntry, clusterHigh) == 0x14 && offsetof(ShortEntry, 
 struct LongEntry {
   static constexpr std::uint8_t ATTRIBUTES = 0x0F;
   static constexpr std::uint8_t LAST = 0x40;
+  static constexpr std::uint8_t ORDINAL = 0x3F;
+  static constexpr std::uint32_t UNITS = 13;
 
   std::uint8_t ordinal;     // 0x00  1 to 20; with LAST for the name's last piece, which is stored first
   Le16 units1[5];           // 0x01

@@ -20,6 +20,11 @@ std::uint8_t ShortNameChecksum(const ShortName11& name);
 /// Whether these are bytes that a short name can have; "." and ".." are.
 bool IsShortName(const ShortName11& name);
 
+/// Entries that a long name takes besides the short one.
+std::uint32_t PiecesOf(std::u16string_view name);
+/// Puts the units of one piece of a name into its entry, and nothing else. @param piece  counted from 1
+void StorePiece(std::u16string_view name, std::uint32_t piece, LongEntry* entry);
+
 /// The entries of one long name, as the library puts them together.
 class LongNameRun {
  public:
@@ -39,12 +44,11 @@ class LongNameRun {
   bool IsWellFormed() const;
 
  private:
-  static constexpr std::uint32_t UNITS = 13;  // of a piece
   static constexpr std::uint32_t MAX_PIECES = 20;
 
   void Store(const LongEntry& entry);
 
-  char16_t m_Units[MAX_PIECES * UNITS] = {};
+  char16_t m_Units[MAX_PIECES * LongEntry::UNITS] = {};
   std::uint32_t m_nPieces = 0;
   std::uint32_t m_nRemaining = 0;  // the next one has this ordinal
   std::uint8_t m_Checksum = 0;

@@ -100,6 +100,16 @@ struct RawEntry {
   std::u16string ShortNameText() const;
 };
 
+/// What an entry is to become, in the slots that it has.
+struct EntryChange {
+  std::uint32_t firstSlot = 0;
+  std::uint32_t slots = 1;
+  std::array<unsigned char, 11> stored{};     ///< its short name, as in RawEntry
+  std::array<unsigned char, 11> shortName{};  ///< the new one; only with `name`
+  std::u16string_view name;                   ///< the new long name; empty: both names stay
+  const Times* times = nullptr;               ///< null: they stay
+};
+
 /// A run of clusters.
 struct Extent {
   std::uint32_t first = 0;
@@ -187,6 +197,11 @@ class Medium {
 
   /// Stores times in a short entry. @return NotFound when it is not in its slot any more
   [[nodiscard]] std::error_code SetTimes(DirectoryPlace place, const RawEntry& entry, const Times& times);
+  /// Changes entries in their slots. What lies close together is read, and written, at once.
+  /// @param changes  in the order of their slots
+  /// @return NotFound when one is not in its slots any more; InvalidParameter, with nothing changed, for a name that
+  ///         takes other slots than the entry has. After another failure any of them may be changed, or changed in part
+  [[nodiscard]] std::error_code ChangeEntries(DirectoryPlace place, const std::vector<EntryChange>& changes);
   /// Appends zeroed clusters to a directory's chain, in all copies of the FAT, data before links.
   /// @return DiskFull, with nothing changed, when there are too few, for a fixed root, and when the directory would
   /// have

@@ -1,19 +1,17 @@
 /// @file MediumChange.cpp
-/// What the library's functions do not change: times, the length of directories, "..", free counts.
+/// What the library's functions do not change: the length of directories, "..", free counts.
 
 #include <algorithm>
 
 #include "Error.h"
+#include "Layout.h"
 #include "Medium.h"
 #include "MediumState.h"
 #include "Narrow.h"
-#include "SlotReader.h"
 
 namespace fatlib {
 
 namespace {
-
-constexpr std::uint8_t STORED_E5 = 0x05;  // in place of a first byte that would mark a deleted entry
 
 std::error_code WriteZeros(Device* device, std::uint64_t position, std::uint64_t bytes) {
   constexpr std::size_t PIECE_BYTES = std::size_t{256} * 1024;
@@ -32,23 +30,6 @@ std::uint32_t EndMark(FatType type) {
 }
 
 }  // namespace
-
-std::error_code Medium::SetTimes(DirectoryPlace place, const RawEntry& entry, const Times& times) {
-  std::uint64_t position = 0;
-  if (const std::error_code error = SlotPosition(place, entry.ShortSlot(), &position)) return error;
-  ShortEntry stored;
-  if (const std::error_code error = m_pState->pDevice->Read(position, &stored, sizeof stored)) return error;
-  ShortName11 name = stored.name;
-  if (name[0] == STORED_E5) name[0] = SlotReader::DELETED;
-  if (stored.name[0] == SlotReader::DELETED || name != entry.shortName) return Status::NotFound;
-  stored.createdTenMilliseconds = times.created.tenMilliseconds;
-  stored.createdTime.Store(times.created.time);
-  stored.createdDate.Store(times.created.date);
-  stored.accessedDate.Store(times.accessed.date);
-  stored.modifiedTime.Store(times.modified.time);
-  stored.modifiedDate.Store(times.modified.date);
-  return m_pState->pDevice->Write(position, &stored, sizeof stored);
-}
 
 std::error_code Medium::GrowDirectory(DirectoryPlace place, std::uint32_t clusters) {
   if (clusters == 0) return {};

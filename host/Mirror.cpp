@@ -18,7 +18,8 @@ bool IsNamed(const RawEntry& raw) {
   if ((raw.attributes & LABEL) != 0 || CheckName(raw.name)) return false;
   if (raw.hasLongName) return true;
   ShortName own;
-  return FormOf(raw.name, &own) == NameForm::Short && own == raw.shortName;
+  const NameForm form = FormOf(raw.name, &own);
+  return (form == NameForm::Short || form == NameForm::Cased) && own == raw.shortName;
 }
 
 }  // namespace
@@ -66,6 +67,10 @@ std::size_t EntryNode::PathUnits() const {
   return units == 0 ? 0 : units - 1;
 }
 
+std::u16string EntryNode::LibraryName() const {
+  return standIn == standin::NONE ? raw.name : standin::Of(raw.name, standIn);
+}
+
 void DirectoryNode::Fill(std::vector<RawEntry> entries, const std::vector<bool>& used, Graveyard* gone) {
   std::multimap<std::uint32_t, std::unique_ptr<EntryNode>> before;
   std::unordered_map<std::u16string, EntryNode*> known;
@@ -75,14 +80,22 @@ void DirectoryNode::Fill(std::vector<RawEntry> entries, const std::vector<bool>&
   for (auto& [slot, entry] : before) kept.emplace(entry.get(), std::move(entry));
   m_ShortNames.clear();
   slots = SlotMap(used);
+  changed = false;
   for (RawEntry& raw : entries) {
     if (raw.IsLabel() || raw.IsDot()) continue;
     std::unique_ptr<EntryNode> entry;
-    const auto found = known.find(UpCase(raw.name));
+    auto found = known.find(UpCase(raw.name));
+    const StandInBase base = standin::BaseOf(raw.name);
+    if (base != standin::NONE && found == known.end()) {
+      found = known.find(standin::Meant(raw.name, base));
+      if (found != known.end() && found->second->standIn != base) found = known.end();
+    }
     if (found != known.end() && found->second->IsDirectory() == raw.IsDirectory()) {
       entry = std::move(kept[found->second]);
       known.erase(found);
       if (entry->timesAhead) raw.times = entry->raw.times;
+      if (entry->standIn != standin::NONE) TakeStandIn(entry.get(), &raw);
+      changed = changed || entry->timesAhead || entry->standIn != standin::NONE;
     } else {
       entry = std::make_unique<EntryNode>(this);
     }
@@ -95,8 +108,18 @@ void DirectoryNode::Fill(std::vector<RawEntry> entries, const std::vector<bool>&
   for (auto& [node, entry] : kept) {
     if (entry != nullptr) Bury(std::move(entry), gone);
   }
-  changed = false;
   suspect = false;
+}
+
+// The name that was given stays the entry's; unless it is on the medium already.
+void DirectoryNode::TakeStandIn(EntryNode* entry, RawEntry* raw) {
+  if (raw->name != entry->LibraryName()) {
+    entry->standIn = standin::NONE;
+    return;
+  }
+  entry->standInShort = raw->shortName;
+  raw->name = entry->raw.name;
+  raw->shortName = entry->raw.shortName;
 }
 
 void DirectoryNode::FillNew(std::uint32_t slotCount) {
@@ -108,6 +131,7 @@ void DirectoryNode::FillNew(std::uint32_t slotCount) {
 // Of entries that share a name the library finds one that has no long name, or else the first.
 void DirectoryNode::Index(EntryNode* entry) {
   m_ShortNames.emplace(entry->raw.shortName, entry);
+  if (entry->standIn != standin::NONE) m_ShortNames.emplace(entry->standInShort, entry);
   entry->named = IsNamed(entry->raw);
   if (!entry->named && CheckName(entry->raw.name)) {
     m_ByName.emplace(UpCase(entry->raw.name), entry);
@@ -129,6 +153,21 @@ EntryNode* DirectoryNode::Find(const std::u16string& upper) const {
   return found == m_ByName.end() ? nullptr : found->second;
 }
 
+EntryNode* DirectoryNode::FindStandIn(std::u16string_view name) const {
+  const StandInBase base = standin::BaseOf(name);
+  if (base == standin::NONE) return nullptr;
+  EntryNode* const meant = Find(standin::Meant(name, base));
+  return meant != nullptr && meant->standIn == base ? meant : nullptr;
+}
+
+StandInBase DirectoryNode::UnusedStandIn(std::u16string_view name) const {
+  for (StandInBase base = standin::FIRST; base <= standin::LAST; base += standin::STEP) {
+    const std::u16string standIn = standin::Of(name, base);
+    if (Find(standIn) == nullptr && FindStandIn(standIn) == nullptr) return base;
+  }
+  return standin::NONE;
+}
+
 bool DirectoryNode::HasOnlyShortName(const ShortName& name, const EntryNode* except) const {
   const auto [first, last] = m_ShortNames.equal_range(name);
   return std::any_of(first, last,
@@ -141,6 +180,18 @@ EntryNode* DirectoryNode::FindByShortName(const ShortName& name, const EntryNode
   return found == last ? nullptr : found->second;
 }
 
+void DirectoryNode::DropStandIn(EntryNode* entry) {
+  if (entry->standIn == standin::NONE) return;
+  ForgetShortName(entry->standInShort, entry);
+  entry->standIn = standin::NONE;
+}
+
+void DirectoryNode::ForgetShortName(const ShortName& name, const EntryNode* entry) {
+  const auto [first, last] = m_ShortNames.equal_range(name);
+  const auto own = std::find_if(first, last, [entry](const auto& item) { return item.second == entry; });
+  if (own != last) m_ShortNames.erase(own);
+}
+
 EntryNode* DirectoryNode::Insert(std::unique_ptr<EntryNode> entry) {
   EntryNode* const node = entry.get();
   node->parent = this;
@@ -151,9 +202,8 @@ EntryNode* DirectoryNode::Insert(std::unique_ptr<EntryNode> entry) {
 }
 
 std::unique_ptr<EntryNode> DirectoryNode::Extract(EntryNode* entry) {
-  const auto [firstShort, lastShort] = m_ShortNames.equal_range(entry->raw.shortName);
-  const auto shortName = std::find_if(firstShort, lastShort, [&](const auto& item) { return item.second == entry; });
-  if (shortName != lastShort) m_ShortNames.erase(shortName);
+  ForgetShortName(entry->raw.shortName, entry);
+  if (entry->standIn != standin::NONE) ForgetShortName(entry->standInShort, entry);
   const auto name = m_ByName.find(UpCase(entry->raw.name));
   if (name != m_ByName.end() && name->second == entry) m_ByName.erase(name);
   slots.Release(entry->raw.firstSlot, entry->raw.slots);

@@ -6,8 +6,9 @@
 /// A directory's node is one of
 ///   ABSENT   not read yet
 ///   CLEAN    as the medium is
-///   CHANGED  ahead of the medium: the library holds changes back; after the next unmount it is compared with the
-///   medium SUSPECT  something failed: it is compared with the medium before it is used again
+///   CHANGED  ahead of the medium: the library holds changes back, or names and times are still to be written; after
+///            the next unmount it is compared with the medium
+///   SUSPECT  something failed: it is compared with the medium before it is used again
 
 #ifndef FATLIB_MIRROR_H
 #define FATLIB_MIRROR_H
@@ -25,6 +26,7 @@
 #include "Medium.h"
 #include "ShortNames.h"
 #include "SlotMap.h"
+#include "StandIn.h"
 
 namespace fatlib {
 
@@ -50,6 +52,8 @@ class EntryNode {
   bool IsReachable() const;
   /// Units of the path, with separators between the components.
   std::size_t PathUnits() const;
+  /// The name under which the library knows it.
+  std::u16string LibraryName() const;
 
   DirectoryNode* parent;     // null: the root
   RawEntry raw;              // name, attributes, size and times are current; cluster and slots unless `ahead`
@@ -60,8 +64,10 @@ class EntryNode {
   bool dotDotAhead = false;  // a directory that was moved into the root: its ".." is to be set to 0
   bool modified = false;     // modifiedAt is to become the modification time
   std::timespec modifiedAt{};
-  unsigned int touchedIn = 0;  // number of the last mount in which the library looked this path up
-  unsigned int staleIn = 0;    // number of the last mount in which the library knew this, or what is below, elsewhere
+  StandInBase standIn = standin::NONE;  // else: it is on the medium under a stand-in, which is to be replaced
+  ShortName standInShort{};             // the short name that goes with it there
+  unsigned int touchedIn = 0;           // number of the last mount in which the library looked this path up
+  unsigned int staleIn = 0;  // number of the last mount in which the library knew this, or what is below, elsewhere
   std::unique_ptr<DirectoryNode> content;  // null: no directory, or absent
   std::weak_ptr<FileNode> open;
 };
@@ -75,7 +81,8 @@ class DirectoryNode {
  public:
   explicit DirectoryNode(EntryNode* entry) : self(entry) {}
 
-  /// Takes what was read from the medium. Nodes of names that are still there stay, with all that hangs on them.
+  /// Takes what was read from the medium. Nodes of names that are still there stay, with all that hangs on them; the
+  /// directory is CHANGED when something of them is still to be written.
   /// @param gone  the others are added here
   void Fill(std::vector<RawEntry> entries, const std::vector<bool>& used, Graveyard* gone);
   /// What a directory holds that was just made.
@@ -83,6 +90,11 @@ class DirectoryNode {
 
   /// @param upper  the name in upper case
   EntryNode* Find(const std::u16string& upper) const;
+  /// The entry that has this name as its stand-in, or null.
+  EntryNode* FindStandIn(std::u16string_view name) const;
+  /// Where the stand-in of a name can begin, so that nothing has it. @return NONE when there is no such place
+  StandInBase UnusedStandIn(std::u16string_view name) const;
+  /// Short names are those that entries are going to have, and those of stand-ins.
   bool HasShortName(const ShortName& name) const { return m_ShortNames.count(name) != 0; }
   /// Whether an entry without a long name, another than `except`, has it.
   bool HasOnlyShortName(const ShortName& name, const EntryNode* except) const;
@@ -93,6 +105,9 @@ class DirectoryNode {
   EntryNode* Insert(std::unique_ptr<EntryNode> entry);
   /// Takes an entry out; its slots become free.
   std::unique_ptr<EntryNode> Extract(EntryNode* entry);
+
+  /// Says that an entry has its own name on the medium.
+  void DropStandIn(EntryNode* entry);
 
   bool IsEmpty() const { return m_Entries.empty(); }
   /// In slot order.
@@ -108,6 +123,8 @@ class DirectoryNode {
 
  private:
   void Index(EntryNode* entry);
+  void ForgetShortName(const ShortName& name, const EntryNode* entry);
+  static void TakeStandIn(EntryNode* entry, RawEntry* raw);
 
   std::multimap<std::uint32_t, std::unique_ptr<EntryNode>> m_Entries;  // by first slot
   std::unordered_map<std::u16string, EntryNode*> m_ByName;

@@ -41,12 +41,8 @@ int CallLibrary(LibraryPath* path, const NewEntry& what, ShortName* shortName) {
   return handle;
 }
 
-RawEntry RawOf(const NewEntry& what, NameForm form, const ShortName& shortName, const SlotPlan& plan,
-               const Stamp& now) {
+RawEntry RawOf(const NewEntry& what, const SlotPlan& plan, const Stamp& now) {
   RawEntry raw;
-  raw.hasLongName = form != NameForm::Short;
-  raw.shortName = shortName;
-  raw.name = raw.hasLongName ? what.name : raw.ShortNameText();
   raw.attributes = what.attributes;
   raw.size = what.size;
   raw.times.created = now;
@@ -54,36 +50,72 @@ RawEntry RawOf(const NewEntry& what, NameForm form, const ShortName& shortName, 
   raw.times.modified.tenMilliseconds = raw.times.accessed.tenMilliseconds = 0;
   raw.times.accessed.time = 0;
   raw.firstSlot = plan.first;
-  raw.slots = SlotsOfName(what.name);
   return raw;
+}
+
+/// Sees to it that no other entry has a short name that is to be given.
+std::error_code FreeShortName(VolumeState* state, DirectoryNode* directory, const std::u16string& name,
+                              const ShortName& shortName, const EntryNode* leaving) {
+  EntryNode* const other = directory->FindByShortName(shortName, leaving);
+  if (other == nullptr) return {};
+  if (!other->named) return Status::NameExists;
+  // Its own name says nothing of the short one: it gets another, by way of another name.
+  const std::u16string own = other->raw.name;
+  if (const std::error_code error = ChangeName(state, other, UnusedName(*directory, *directory, name))) return error;
+  if (other->IsGone()) return Status::DiskCorrupt;
+  return ChangeName(state, other, own);
+}
+
+/// The short name that the library will invent.
+std::error_code InventShortName(const DirectoryNode& directory, const EntryNode* leaving, Naming* naming) {
+  const auto isShort = [&directory, leaving](const ShortName& candidate) {
+    return directory.HasOnlyShortName(candidate, leaving);
+  };
+  for (;;) {
+    naming->number = LibraryUse::Number();
+    if (!naming->number.Invent(naming->libraryName, isShort, &naming->libraryShort)) return Status::DiskFull;
+    if (!directory.HasShortName(naming->libraryShort)) return {};
+    if (const std::error_code error = LibraryUse::SkipNumber()) return error;
+  }
 }
 
 }  // namespace
 
-std::error_code PrepareShortName(VolumeState* state, DirectoryNode* directory, const std::u16string& name,
-                                 const EntryNode* leaving, ShortName* shortName, ShortNameNumber* number) {
-  *number = LibraryUse::Number();
-  if (FormOf(name, shortName) != NameForm::Invented) {
-    EntryNode* const other = directory->FindByShortName(*shortName, leaving);
-    if (other == nullptr) return {};
-    if (!other->named) return Status::NameExists;
-    // Its own name says nothing of the short one: it gets another, by way of another name.
-    const std::u16string own = other->raw.name;
-    if (const std::error_code error = ChangeName(state, other, UnusedName(*directory, *directory, name))) return error;
-    if (other->IsGone()) return Status::DiskCorrupt;
-    if (const std::error_code error = ChangeName(state, other, own)) return error;
-    *number = LibraryUse::Number();
-    return {};
+std::error_code PrepareName(VolumeState* state, DirectoryNode* directory, const std::u16string& name,
+                            const EntryNode* leaving, Naming* naming) {
+  if (directory->FindStandIn(name) != nullptr) {
+    if (const std::error_code error = state->Detach()) return error;
+    if (directory->self->IsGone()) return Status::DiskCorrupt;
   }
-  const auto isShort = [directory, leaving](const ShortName& candidate) {
-    return directory->HasOnlyShortName(candidate, leaving);
-  };
-  for (;;) {
-    *number = LibraryUse::Number();
-    if (!number->Invent(name, isShort, shortName)) return Status::DiskFull;
-    if (!directory->HasShortName(*shortName)) return {};
-    if (const std::error_code error = LibraryUse::SkipNumber()) return error;
+  *naming = {};
+  naming->form = FormOf(name, &naming->shortName);
+  naming->libraryName = name;
+  if (naming->form != NameForm::Invented) {
+    if (const std::error_code error = FreeShortName(state, directory, name, naming->shortName, leaving)) return error;
+    naming->libraryShort = naming->shortName;
+    naming->number = LibraryUse::Number();
   }
+  if (naming->form == NameForm::Cased) {
+    naming->standIn = directory->UnusedStandIn(name);
+    if (naming->standIn == standin::NONE) return Status::NameExists;
+    naming->libraryName = standin::Of(name, naming->standIn);
+    return InventShortName(*directory, leaving, naming);
+  }
+  if (naming->form != NameForm::Invented) return {};
+  const std::error_code error = InventShortName(*directory, leaving, naming);
+  naming->shortName = naming->libraryShort;
+  return error;
+}
+
+void TakeNaming(const std::u16string& name, const Naming& naming, EntryNode* entry) {
+  RawEntry& raw = entry->raw;
+  raw.hasLongName = naming.form != NameForm::Short;
+  raw.shortName = naming.shortName;
+  raw.name = name;
+  raw.caseFlags = 0;
+  raw.slots = SlotsOfName(name);
+  entry->standIn = naming.standIn;
+  entry->standInShort = naming.libraryShort;
 }
 
 std::error_code CreateEntry(VolumeState* state, DirectoryNode* parent, const NewEntry& what,
@@ -91,27 +123,23 @@ std::error_code CreateEntry(VolumeState* state, DirectoryNode* parent, const New
   const bool directory = (what.attributes & DIRECTORY) != 0;
   if (what.size > MaxFileBytes(*state)) return Status::FileTooLarge;
   const std::uint32_t clusters = directory ? 1 : state->ClustersOf(what.size);
-  const std::u16string upper = UpCase(what.name);
   for (;;) {
-    ShortName expected;
-    ShortNameNumber number;
-    if (const std::error_code error = PrepareShortName(state, parent, what.name, nullptr, &expected, &number)) {
-      return error;
-    }
+    Naming naming;
+    if (const std::error_code error = PrepareName(state, parent, what.name, nullptr, &naming)) return error;
     SlotPlan plan;
     if (const std::error_code error = state->Plan(parent->self, SlotsOfName(what.name), clusters, &plan)) return error;
-    if (const std::error_code error = state->UseName(parent, upper)) return error;
+    if (const std::error_code error = state->UseName(parent, UpCase(naming.libraryName))) return error;
     handles::MakeRoom();
     SetCurrentFileSystem(state->FileSystem());  // what was closed may be of another volume
     const CLocaleScope locale;
     const std::uint64_t failures = state->Failures();
-    ShortName given = expected;
-    LibraryPath path(*parent, what.name);
+    ShortName given = naming.libraryShort;
+    LibraryPath path(*parent, naming.libraryName);
     state->MarkChanged(parent);
     const int handle = CallLibrary(&path, what, &given);
     if (handle < 0) return state->ChangeFailed(failures, Status::DiskCorrupt);
-    LibraryUse::Number() = number;
-    if (given != expected) {
+    LibraryUse::Number() = naming.number;
+    if (given != naming.libraryShort) {
       // Somebody else has used the counter. Once its place is known the name can be told again.
       RawEntry named;
       named.shortName = given;
@@ -122,9 +150,12 @@ std::error_code CreateEntry(VolumeState* state, DirectoryNode* parent, const New
         state->Planned(parent, plan);
         continue;
       }
+      naming.libraryShort = given;
+      if (naming.standIn == standin::NONE) naming.shortName = given;
     }
     auto entry = std::make_unique<EntryNode>(parent);
-    entry->raw = RawOf(what, FormOf(what.name, &expected), given, plan, state->Now());
+    entry->raw = RawOf(what, plan, state->Now());
+    TakeNaming(what.name, naming, entry.get());
     entry->ahead = true;
     entry->timesAhead = state->Options().times;
     state->Planned(parent, plan);

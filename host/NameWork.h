@@ -35,13 +35,25 @@ struct NewEntry {
 
 // ---- steps, each of them one call of the library
 
-/// The short name that an entry of a directory will get. When another entry has one that cannot be another, that entry
-/// gets a new one; an invented one is moved on until it is unique.
+/// What an entry is going to be called.
+struct Naming {
+  NameForm form = NameForm::Short;
+  ShortName shortName{};                // in the end
+  StandInBase standIn = standin::NONE;  // else: the library is given a stand-in
+  std::u16string libraryName;           // what the library is given
+  ShortName libraryShort{};             // the short name that it makes of that
+  ShortNameNumber number;               // where its counter stands then
+};
+
+/// Finds out what an entry of a directory will be called. When another entry has the short name and can have another,
+/// it gets a new one; an invented one is moved on until it is unique. May detach.
 /// @param leaving  an entry whose short name will be free then; may be null
-/// @param number   out: where the library's counter will stand
-[[nodiscard]] std::error_code PrepareShortName(VolumeState* state, DirectoryNode* directory, const std::u16string& name,
-                                               const EntryNode* leaving, ShortName* shortName, ShortNameNumber* number);
-/// Gives an entry another name in its directory. It must not be the same but for case.
+/// @return also NameExists, when an entry that cannot be changed has the short name
+[[nodiscard]] std::error_code PrepareName(VolumeState* state, DirectoryNode* directory, const std::u16string& name,
+                                          const EntryNode* leaving, Naming* naming);
+/// Gives an entry these names, as far as this face knows it.
+void TakeNaming(const std::u16string& name, const Naming& naming, EntryNode* entry);
+/// Gives an entry another name in its directory. To the library it must not be the same but for case.
 [[nodiscard]] std::error_code ChangeName(VolumeState* state, EntryNode* entry, const std::u16string& name);
 /// Moves an entry under its name, which nothing must have there.
 [[nodiscard]] std::error_code ChangeDirectory(VolumeState* state, EntryNode* entry, DirectoryNode* target);

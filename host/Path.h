@@ -55,8 +55,8 @@ class Path {
 /// The rules of Path::Check for one name.
 [[nodiscard]] std::error_code CheckName(std::u16string_view name);
 
-/// Entries of 32 bytes that a name of Path::Check takes in its directory: 1 when it is an 8.3 name in ASCII, in any
-/// case; else one more for each 13 units.
+/// Entries of 32 bytes that a name of Path::Check takes in its directory: 1 when it is an 8.3 name in ASCII without
+/// lower-case letters; else one more for each 13 units.
 std::uint32_t SlotsOfName(std::u16string_view name);
 
 }  // namespace fatlib

@@ -12,12 +12,23 @@ namespace fatlib {
 
 namespace {
 
-/// Whether the library would store the entry under that name just as it is.
-bool IsStoredAs(const EntryNode* entry, const std::u16string& name) {
-  if (entry->raw.name == name) return true;
+bool IsCased(const std::u16string& name) {
   ShortName ignored;
-  return !entry->raw.hasLongName && entry->raw.caseFlags == 0 && SameName(entry->raw.name, name) &&
-         FormOf(name, &ignored) == NameForm::Short;
+  return FormOf(name, &ignored) == NameForm::Cased;
+}
+
+/// Whether the library, which gives a name that is the same but for case only by way of another, can give this one at
+/// once.
+bool CanBeGiven(const EntryNode* entry, const std::u16string& name) {
+  return IsCased(name) || !SameName(entry->LibraryName(), name);
+}
+
+/// Whether the library can move an entry under the name that it knows it by.
+bool CanBeMoved(const EntryNode* entry, const DirectoryNode& target) {
+  if (target.HasShortName(entry->raw.shortName)) return false;
+  const std::u16string name = entry->LibraryName();
+  if (target.FindStandIn(name) != nullptr) return false;
+  return entry->standIn == standin::NONE || (target.Find(name) == nullptr && !target.HasShortName(entry->standInShort));
 }
 
 /// What may be in the way of an entry that gets a new path.
@@ -52,9 +63,8 @@ std::u16string UnusedName(const DirectoryNode& directory, const DirectoryNode& o
 
 std::error_code ChangeName(VolumeState* state, EntryNode* entry, const std::u16string& name) {
   DirectoryNode* const directory = entry->parent;
-  ShortName shortName;
-  ShortNameNumber number;
-  if (const std::error_code error = PrepareShortName(state, directory, name, entry, &shortName, &number)) return error;
+  Naming naming;
+  if (const std::error_code error = PrepareName(state, directory, name, entry, &naming)) return error;
   SlotPlan plan;
   if (const std::error_code error = state->Plan(directory->self, SlotsOfName(name), 0, &plan, entry)) return error;
   if (const std::error_code error = state->Use(entry, VolumeState::Lookup::Parent)) return error;
@@ -63,19 +73,15 @@ std::error_code ChangeName(VolumeState* state, EntryNode* entry, const std::u16s
   const std::uint64_t failures = state->Failures();
   SetCurrentFileSystem(state->FileSystem());
   state->MarkChanged(directory);
-  if (Fat_RenameFile(LibraryPath(entry).Get(), LibraryPath(*directory, name).Get()) == 0) {
+  if (Fat_RenameFile(LibraryPath(entry).Get(), LibraryPath(*directory, naming.libraryName).Get()) == 0) {
     return state->ChangeFailed(failures, Status::DiskCorrupt);
   }
-  LibraryUse::Number() = number;
+  LibraryUse::Number() = naming.number;
   state->LeavesPath(entry);
   (void)state->TimesOf(entry);  // the library has stamped the new entry
   std::unique_ptr<EntryNode> owned = directory->Extract(entry);
-  entry->raw.hasLongName = FormOf(name, &shortName) != NameForm::Short;
-  entry->raw.shortName = shortName;
-  entry->raw.name = entry->raw.hasLongName ? name : entry->raw.ShortNameText();
-  entry->raw.caseFlags = 0;
+  TakeNaming(name, naming, entry);
   entry->raw.firstSlot = plan.first;
-  entry->raw.slots = SlotsOfName(name);
   entry->timesAhead = entry->timesAhead || state->Options().times;
   entry->touchedIn = 0;
   state->Planned(directory, plan);
@@ -121,7 +127,12 @@ std::error_code RenameEntry(VolumeState* state, EntryNode* entry, DirectoryNode*
   if (parent->self->IsAtOrBelow(entry)) return Status::Refused;
   if (!entry->IsReachable() || !parent->self->IsReachable()) return Status::Unreachable;
   const bool stays = entry->parent == parent;
-  if (stays && IsStoredAs(entry, name)) return {};
+  if (stays && entry->raw.name == name) return {};
+  if (stays && entry->standIn != standin::NONE && IsCased(name) && SameName(entry->raw.name, name)) {
+    entry->raw.name = name;  // the stand-in is that of both
+    state->MarkChanged(parent);
+    return {};
+  }
   if (inTheWay == entry) inTheWay = nullptr;
   if (inTheWay != nullptr) {
     if (const std::error_code error = CheckReplacement(state, entry, inTheWay, replace)) return error;
@@ -136,9 +147,7 @@ std::error_code RenameEntry(VolumeState* state, EntryNode* entry, DirectoryNode*
     if (const std::error_code error = RemoveEntry(state, inTheWay)) return error;
   }
   if (entry->IsGone() || parent->self->IsGone()) return Status::DiskCorrupt;
-  const bool sameName = IsStoredAs(entry, name);
-  const bool direct =
-      stays ? !SameName(entry->raw.name, name) : sameName && !parent->HasShortName(entry->raw.shortName);
+  const bool direct = stays ? CanBeGiven(entry, name) : entry->raw.name == name && CanBeMoved(entry, *parent);
   if (direct) return stays ? ChangeName(state, entry, name) : ChangeDirectory(state, entry, parent);
   if (const std::error_code error = ChangeName(state, entry, UnusedName(*entry->parent, *parent, name))) return error;
   if (entry->IsGone() || parent->self->IsGone()) return Status::DiskCorrupt;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "LongName.h"
 #include "Path.h"
 #include "Text.h"
 
@@ -15,7 +16,6 @@ constexpr std::size_t BASE = 8;
 constexpr std::size_t EXTENSION = 3;
 constexpr std::uint32_t MAX_NUMBER = 99999;
 constexpr std::uint32_t MAX_TRIES = 2 * MAX_NUMBER;
-constexpr std::uint32_t UNITS_PER_SLOT = 13;
 constexpr std::u16string_view NOT_IN_SHORT_NAMES = u" \"*+,./:;<=>?[\\]|\x7F";
 
 /// The byte of a unit in upper case, or 0 when that is not ASCII.
@@ -70,14 +70,15 @@ NameForm FormOf(std::u16string_view name, ShortName* shortName) {
     return NameForm::Invented;
   }
   *shortName = converted;
-  const bool ascii = std::all_of(name.begin(), name.end(), [](char16_t unit) { return unit < 0x80; });
-  return ascii ? NameForm::Short : NameForm::LongOwn;
+  if (std::any_of(name.begin(), name.end(), [](char16_t unit) { return unit >= 0x80; })) return NameForm::LongOwn;
+  const bool cased = std::any_of(name.begin(), name.end(), [](char16_t unit) { return unit >= u'a' && unit <= u'z'; });
+  return cased ? NameForm::Cased : NameForm::Short;
 }
 
 std::uint32_t SlotsOfName(std::u16string_view name) {
   ShortName ignored;
   if (FormOf(name, &ignored) == NameForm::Short) return 1;
-  return (static_cast<std::uint32_t>(name.size()) + UNITS_PER_SLOT - 1) / UNITS_PER_SLOT + 1;
+  return PiecesOf(name) + 1;
 }
 
 void ShortNameNumber::Advance() {

@@ -1,9 +1,10 @@
 /// @file ShortNames.h
 /// The short names that the library gives, known before it gives them. Not part of the face for hosts.
 ///
-/// A name of up to 8 and 3 ASCII characters is stored as a short name in upper case, without a long one. Every other
-/// name is a long name, and gets a short one with a number: what fits of its base, "~", and the next number of a
-/// counter that all volumes of a process share. The library looks only whether a name without a long one has the
+/// A name of up to 8 and 3 ASCII characters is stored as a short name in upper case, without a long one; one that has
+/// lower-case letters is given to the library as another name therefore (StandIn.h). Every other name is a long name,
+/// and gets a short one with a number: what fits of its base, "~", and the next number of a counter that all volumes of
+/// a process share. The library looks only whether a name without a long one has the
 /// invented one already; this face sees to the others. In the C locale, in which the library is called, each character
 /// whose upper case is not ASCII becomes "_" (that of the dotless i and of the long s is).
 
@@ -26,9 +27,11 @@ struct ShortNameHash {
   std::size_t operator()(const ShortName& name) const;
 };
 
-/// How the library stores a name.
+/// How a name is stored.
 enum class NameForm {
   Short,     ///< a short name alone, by which it is also found
+  Cased,     ///< of 8.3 form but for lower-case letters: a long name, with a short one that is its upper case, which
+             ///< the library does not write
   LongOwn,   ///< a long name, with a short one that is its upper case
   Invented,  ///< a long name, with an invented short one
 };

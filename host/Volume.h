@@ -9,6 +9,9 @@
 ///    cannot grow is mounted anew after that;
 ///  - what the library remembers under an old path is dropped after a rename or move, before it could be used again;
 ///  - no path leads through a file;
+///  - names are kept as they were written: one of 8.3 form that has lower-case letters, which the library would store
+///  in
+///    upper case, gets a long name, and its upper case as short name;
 ///  - short names are unique in their directory, and made in the C locale;
 ///  - one library handle for each open file, however often the host opens it, and never more than the library can have;
 ///  - failed writes are counted where they happen, and reported by Sync and Close;
@@ -16,7 +19,7 @@
 ///    come once the library has written everything. A volume on which nothing was changed is left bit for bit.
 ///
 /// Looking needs no mount: directories are read from the medium, kept in memory, and changed there along with each
-/// change. What the library does with names shows: one of up to 8 and 3 ASCII characters is kept in upper case.
+/// change.
 ///
 /// One thread at a time for all volumes of a process. A host that uses this face leaves Fat_LibInitialize,
 /// Fat_LibTerminate and SetCurrentFileSystem alone; volumes bring the library up and down.

@@ -50,8 +50,8 @@ std::error_code VolumeState::Detach() {
   m_FirstFailure = {};
   const std::uint64_t failures = Failures();
   if (m_pFileSystem != nullptr) Unmount();
-  if (m_bDirty) {
-    m_bDirty = false;
+  if (m_bDirty || m_bUnsettled) {
+    m_bDirty = m_bUnsettled = false;
     m_bFreeKnown = false;
     m_Medium.Forget();
     if (Failures() != failures) SuspectAll();
@@ -71,30 +71,52 @@ void VolumeState::Reconcile(DirectoryNode* directory) {
   directory->changedBelow = false;
   if (directory->changed) {
     for (const auto& [slot, entry] : directory->Entries()) SettleTimes(entry.get());
-    directory->changed = false;
-    if (const std::error_code error = Read(directory->self)) {
+    std::error_code error = Read(directory->self);
+    if (error) {
       directory->suspect = true;
-      Note(error);
     } else {
-      ReconcileEntries(directory);
+      error = ReconcileEntries(directory);
     }
+    directory->changed = false;
+    Note(error);
+    if (error) TryAgain(directory);
   }
   for (const auto& [slot, entry] : directory->Entries()) Reconcile(entry->content.get());
 }
 
 // Directories come before what is in them, so that their clusters are known when it is their turn.
-void VolumeState::ReconcileEntries(DirectoryNode* directory) {
+std::error_code VolumeState::ReconcileEntries(DirectoryNode* directory) {
   const std::uint32_t place = directory->self->IsRoot() ? Medium::ROOT : directory->self->raw.firstCluster;
+  std::vector<EntryChange> changes;
   for (const auto& [slot, entry] : directory->Entries()) {
-    if (entry->timesAhead) {
-      entry->timesAhead = false;
-      Note(m_Medium.SetTimes(place, entry->raw, entry->raw.times));
+    const RawEntry& raw = entry->raw;
+    if (entry->standIn != standin::NONE) {
+      changes.push_back({raw.firstSlot, raw.slots, entry->standInShort, raw.shortName, raw.name,
+                         entry->timesAhead ? &raw.times : nullptr});
+    } else if (entry->timesAhead) {
+      changes.push_back({raw.firstSlot, raw.slots, raw.shortName, raw.shortName, {}, &raw.times});
     }
     if (entry->dotDotAhead) {
       entry->dotDotAhead = false;
-      if (Layout().IsCluster(entry->raw.firstCluster)) Note(m_Medium.SetDotDot(entry->raw.firstCluster, 0));
+      if (Layout().IsCluster(raw.firstCluster)) Note(m_Medium.SetDotDot(raw.firstCluster, 0));
     }
   }
+  if (const std::error_code error = m_Medium.ChangeEntries(place, changes)) {
+    // Some may have been changed: which, only the medium tells.
+    if (Read(directory->self)) directory->suspect = true;
+    return error;
+  }
+  for (const auto& [slot, entry] : directory->Entries()) {
+    entry->timesAhead = false;
+    directory->DropStandIn(entry.get());
+  }
+  return {};
+}
+
+// At the next Detach. Until then the library knows entries by their stand-ins.
+void VolumeState::TryAgain(DirectoryNode* directory) {
+  m_bUnsettled = true;
+  MarkToReconcile(directory);
 }
 
 // ---------------------------------------------------------------------------------------------- what the library
@@ -107,6 +129,15 @@ bool VolumeState::IsStale(const EntryNode* entry) const {
   return false;
 }
 
+bool VolumeState::IsStaleName(const DirectoryNode* directory, const std::u16string& upper) const {
+  return directory->staleNamesIn == m_nMount && directory->staleNames.count(upper) != 0;
+}
+
+bool VolumeState::HasStaleName(const EntryNode* entry) const {
+  return !entry->IsRoot() && entry->parent->staleNamesIn == m_nMount &&
+         IsStaleName(entry->parent, UpCase(entry->LibraryName()));
+}
+
 void VolumeState::Touch(EntryNode* entry) const {
   for (; !entry->IsRoot() && entry->touchedIn != m_nMount; entry = entry->parent->self) entry->touchedIn = m_nMount;
 }
@@ -114,7 +145,8 @@ void VolumeState::Touch(EntryNode* entry) const {
 std::error_code VolumeState::Use(EntryNode* entry, Lookup lookup) {
   if (!entry->IsReachable()) return Status::Unreachable;
   EntryNode* const parent = entry->IsRoot() ? entry : entry->parent->self;
-  if (m_pFileSystem != nullptr && IsStale(lookup == Lookup::Parent ? parent : entry)) {
+  const bool stale = lookup == Lookup::Parent ? IsStale(parent) || HasStaleName(entry) : IsStale(entry);
+  if (m_pFileSystem != nullptr && stale) {
     if (const std::error_code error = Detach()) return error;
   }
   if (const std::error_code error = Mount()) return error;
@@ -125,7 +157,7 @@ std::error_code VolumeState::Use(EntryNode* entry, Lookup lookup) {
 
 std::error_code VolumeState::UseName(DirectoryNode* directory, const std::u16string& upper) {
   EntryNode* const self = directory->self;
-  if (m_pFileSystem != nullptr && directory->staleNamesIn == m_nMount && directory->staleNames.count(upper) != 0) {
+  if (m_pFileSystem != nullptr && IsStaleName(directory, upper)) {
     if (const std::error_code error = Detach()) return error;
   }
   return Use(self);
@@ -137,14 +169,11 @@ void VolumeState::LeavesPath(EntryNode* entry) const {
   DirectoryNode* const directory = entry->parent;
   if (directory->staleNamesIn != m_nMount) directory->staleNames.clear();
   directory->staleNamesIn = m_nMount;
-  directory->staleNames.insert(UpCase(entry->raw.name));
+  directory->staleNames.insert(UpCase(entry->LibraryName()));
 }
 
 void VolumeState::EntersPath(EntryNode* entry) const {
-  const DirectoryNode* const directory = entry->parent;
-  if (directory->staleNamesIn == m_nMount && directory->staleNames.count(UpCase(entry->raw.name)) != 0) {
-    entry->staleIn = entry->touchedIn = m_nMount;
-  }
+  if (HasStaleName(entry)) entry->staleIn = entry->touchedIn = m_nMount;
 }
 
 std::error_code VolumeState::Reason(std::uint64_t failuresBefore, Status otherwise) const {

@@ -22,19 +22,21 @@ LibraryPath::LibraryPath(const EntryNode* entry) { (void)Append(entry); }
 LibraryPath::LibraryPath(const DirectoryNode& directory, std::u16string_view name) {
   std::size_t at = Append(directory.self);
   if (at != 0) m_Units[at++] = '\\';
-  Append(name, at);
+  Append(name, standin::NONE, at);
 }
 
 std::size_t LibraryPath::Append(const EntryNode* entry) {
   if (entry->IsRoot()) return 0;
   std::size_t at = Append(entry->parent->self);
   if (at != 0) m_Units[at++] = '\\';
-  Append(entry->raw.name, at);
+  Append(entry->raw.name, entry->standIn, at);
   return at + entry->raw.name.size();
 }
 
-void LibraryPath::Append(std::u16string_view name, std::size_t at) {
-  for (const char16_t unit : name.substr(0, Path::MAX_PATH_UNITS - std::min(at, Path::MAX_PATH_UNITS))) {
+void LibraryPath::Append(std::u16string_view name, StandInBase standIn, std::size_t at) {
+  name = name.substr(0, Path::MAX_PATH_UNITS - std::min(at, Path::MAX_PATH_UNITS));
+  const std::u16string replaced = standIn == standin::NONE ? std::u16string() : standin::Of(name, standIn);
+  for (const char16_t unit : standIn == standin::NONE ? name : std::u16string_view(replaced)) {
     m_Units[at++] = static_cast<unsigned short>(unit);
   }
 }
@@ -73,7 +75,8 @@ std::error_code VolumeState::Close() {
 }
 
 std::error_code VolumeState::Sync() {
-  if (const std::error_code error = MakeCurrent()) Note(error);
+  m_bUnflushed = IsDirty();
+  if (const std::error_code error = m_bUnsettled ? Detach() : MakeCurrent()) Note(error);
   if (m_bUnflushed) {
     const std::error_code error = m_pDevice->Flush();
     Note(error);
@@ -172,6 +175,10 @@ std::error_code VolumeState::FindPlace(const Path& path, DirectoryNode** directo
 
 void VolumeState::MarkChanged(DirectoryNode* directory) {
   m_bDirty = m_bUnflushed = true;
+  MarkToReconcile(directory);
+}
+
+void VolumeState::MarkToReconcile(DirectoryNode* directory) {
   directory->changed = true;
   for (DirectoryNode* node = directory; !node->changedBelow; node = node->self->parent) {
     node->changedBelow = true;

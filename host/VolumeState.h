@@ -32,13 +32,13 @@ class LibraryPath {
  public:
   /// Of a reachable entry that is not the root.
   explicit LibraryPath(const EntryNode* entry);
-  /// Of an entry that is to be made.
+  /// Of an entry that is to be made, by the name that the library is given.
   LibraryPath(const DirectoryNode& directory, std::u16string_view name);
   unsigned short* Get() { return m_Units.data(); }
 
  private:
   std::size_t Append(const EntryNode* entry);
-  void Append(std::u16string_view name, std::size_t at);
+  void Append(std::u16string_view name, StandInBase standIn, std::size_t at);
 
   std::array<unsigned short, Path::MAX_PATH_UNITS + 1> m_Units{};
 };
@@ -60,7 +60,7 @@ class VolumeState {
   [[nodiscard]] std::error_code Open(std::unique_ptr<Device> device);
   [[nodiscard]] std::error_code Close();
   [[nodiscard]] std::error_code Sync();
-  bool IsDirty() const { return m_bUnflushed; }
+  bool IsDirty() const { return m_bUnflushed || m_bUnsettled; }
 
   /// Detaches.
   [[nodiscard]] std::error_code StoreLabel(const std::u16string& text);
@@ -108,7 +108,7 @@ class VolumeState {
   enum class Lookup {
     Entry,   ///< the entry, which it may remember from now on
     Once,    ///< the entry, which it will not remember unless it does already
-    Parent,  ///< only the directories above
+    Parent,  ///< only the directories above, and what it knows already under the entry's own name
   };
   /// Makes sure that the library, mounted and made to work on this volume, knows a path as it is now: detaches and
   /// mounts when it may know what was there before.
@@ -156,10 +156,14 @@ class VolumeState {
   [[nodiscard]] std::error_code Read(EntryNode* directory);
   void Unmount();
   void Reconcile(DirectoryNode* directory);
-  void ReconcileEntries(DirectoryNode* directory);
+  [[nodiscard]] std::error_code ReconcileEntries(DirectoryNode* directory);
+  void TryAgain(DirectoryNode* directory);
+  static void MarkToReconcile(DirectoryNode* directory);
   void SettleTimes(EntryNode* entry) const;
   void Note(const std::error_code& error);
   bool IsStale(const EntryNode* entry) const;
+  bool IsStaleName(const DirectoryNode* directory, const std::u16string& upper) const;
+  bool HasStaleName(const EntryNode* entry) const;
   [[nodiscard]] std::error_code GrowOutside(EntryNode* directory, std::uint32_t clusters);
 
   VolumeOptions m_Options;
@@ -171,6 +175,7 @@ class VolumeState {
   CFatFileSystem* m_pFileSystem = nullptr;  // null: detached
   unsigned int m_nMount = 1;                // number of this or the next mount
   bool m_bDirty = false;                    // the medium is not current
+  bool m_bUnsettled = false;                // what only this face knows could not be written: it is tried again
   bool m_bUnflushed = false;
   std::error_code m_FirstFailure;  // since the last Sync, but for those of writes
   bool m_bFreeKnown = false;

@@ -12,9 +12,10 @@ using fatlib::SlotsOfName;
 
 constexpr std::uint32_t IN_CLUSTER = 16;
 
-TEST(SlotsOfName, NamesOf8And3_TakeOneInAnyCase) {
-  for (const char16_t* name : {u"A", u"README.TXT", u"readme.txt", u"ABCDEFGH.IJK", u"X~1"})
-    EXPECT_EQ(1u, SlotsOfName(name));
+TEST(SlotsOfName, NamesOf8And3_TakeOneInCapitals) {
+  for (const char16_t* name : {u"A", u"README.TXT", u"ABCDEFGH.IJK", u"X~1"}) EXPECT_EQ(1u, SlotsOfName(name));
+  for (const char16_t* name : {u"a", u"README.TXt", u"readme.txt", u"abcdefgh.ijk", u"x~1"})
+    EXPECT_EQ(2u, SlotsOfName(name));
 }
 
 TEST(SlotsOfName, OtherNames_TakeOneMoreForEach13Units) {

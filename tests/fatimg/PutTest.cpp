@@ -83,7 +83,7 @@ TEST_F(Put, SomeItemsFail_OthersAreCopied) {
 TEST_F(Put, Excluded_IsLeftOut) {
   for (const char* name : {"top/a.o", "top/sub/B.O", "top/sub/keep", "top/out/x"}) File(name, "x");
   Run(0, {"put", "-r", "--exclude", "*.o", "--exclude", "/out", m_Directory / "top", In("/")});
-  EXPECT_EQ("::/TOP/SUB/KEEP\n", RunOrThrow({"mdir", "-b", "-i", m_Path, "::/TOP/SUB"}));
+  EXPECT_EQ("::/TOP/SUB/keep\n", RunOrThrow({"mdir", "-b", "-i", m_Path, "::/TOP/SUB"}));
   EXPECT_FALSE(Exists("/top/out"));
   EXPECT_FALSE(Exists("/top/a.o"));
 }

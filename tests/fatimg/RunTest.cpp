@@ -64,7 +64,7 @@ TEST_F(Script, DryRun_DoesEverythingInMemory) {
   const std::string image = m_Directory / "new.img";
   File("script", "format -F 16 --size 16M\nput -r " + (m_Directory / "tree") + "/. :/\nls -1 :/\n");
   Run(0, {"run", "--dry-run", image, m_Directory / "script"});
-  EXPECT_EQ("A long name.text\nDOCS\nHIDDEN.SYS\nREADME.TXT\n", m_Output);
+  EXPECT_EQ("A long name.text\nDocs\nHIDDEN.SYS\nREADME.TXT\n", m_Output);
   EXPECT_FALSE(std::filesystem::exists(image));
   const std::vector<unsigned char> before = ImageBytes();
   RunScript(0, "rm -r :/Docs\nmkdir :/Docs\n", {"--dry-run"});

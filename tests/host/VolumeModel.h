@@ -39,18 +39,6 @@ class CVolumeModel {
 
   MODEL_NODE* Root() { return &m_Root; }
 
-  /// The name as the volume shows it: FAT keeps names of 8 and 3 ASCII characters in upper case only.
-  static std::u16string Shown(const std::u16string& name) {
-    static const std::u16string allowed =
-        u"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789!#$%&'()-@^_`{}~";
-    const std::size_t dot = std::min(name.find(u'.'), name.size());
-    const std::u16string base = name.substr(0, dot);
-    const std::u16string extension = dot == name.size() ? u"" : name.substr(dot + 1);
-    const bool plain = base.find_first_not_of(allowed) == std::u16string::npos &&
-                       extension.find_first_not_of(allowed) == std::u16string::npos;
-    return plain && !base.empty() && base.size() <= 8 && extension.size() <= 3 ? fatlib::UpCase(name) : name;
-  }
-
   /// What a path leads to, or null; `through` tells whether it leads through a file.
   MODEL_NODE* Find(const fatlib::Path& path, bool* through = nullptr) {
     MODEL_NODE* node = &m_Root;
@@ -69,7 +57,7 @@ class CVolumeModel {
   MODEL_NODE* Add(MODEL_NODE* parent, const std::u16string& name, bool directory, std::uint8_t attributes,
                   const fatlib::Times& times) {
     auto node = std::make_unique<MODEL_NODE>();
-    node->name = Shown(name);
+    node->name = name;
     node->directory = directory;
     node->attributes = attributes;
     node->times = times;
@@ -84,8 +72,7 @@ class CVolumeModel {
   void Move(MODEL_NODE* node, MODEL_NODE* parent, const std::u16string& name) {
     std::unique_ptr<MODEL_NODE> owned = std::move(node->parent->children[fatlib::UpCase(node->name)]);
     Remove(node);
-    // A name that is stored alike needs no change: what the medium shows stays.
-    node->name = Shown(name);
+    node->name = name;
     node->parent = parent;
     parent->children[fatlib::UpCase(name)] = std::move(owned);
   }

@@ -49,7 +49,7 @@ TEST(VolumeNames, CreateDirectories_MakesWhatIsMissing) {
   EXPECT_FALSE(test.volume.CreateDirectories("/"));
   EXPECT_FALSE(test.volume.CreateDirectories("/one/two words/three"));
   EXPECT_FALSE(test.volume.CreateDirectories("/ONE/two words/four"));
-  EXPECT_EQ(test.Names("/one/two words"), "THREE FOUR");
+  EXPECT_EQ(test.Names("/one/two words"), "three four");
   ASSERT_FALSE(test.Write("/one/F", ""));
   EXPECT_EQ(test.volume.CreateDirectories("/one/F/deeper"), Status::NotADirectory);
   EXPECT_EQ(test.volume.CreateDirectories("/one/F"), Status::NotADirectory);
@@ -113,7 +113,7 @@ TEST(VolumeNames, Rename_ToItselfDoesNothing) {
   MakeTree(&test);
   ASSERT_FALSE(test.volume.Sync());
   EXPECT_FALSE(test.volume.Rename("/G", "/G"));
-  EXPECT_FALSE(test.volume.Rename("/D/SUB", "/d/sub", true));
+  EXPECT_FALSE(test.volume.Rename("/d/sub", "/d/SUB", true));
   EXPECT_FALSE(test.volume.IsDirty());
 }
 

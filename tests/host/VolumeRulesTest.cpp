@@ -404,3 +404,17 @@ TEST(VolumeRules, ManyMounts_DoNotAddUp) {
   EXPECT_EQ(test.Read("/F"), "599");
   test.CloseAndCheck();
 }
+
+TEST(VolumeRules, RenameUnderAKnownPath_IsOfWhatIsThereNow) {
+  for (const char* from : {"/OTHER", "/DIR"}) {
+    CTestVolume test;
+    ASSERT_FALSE(test.volume.CreateDirectory("/DIR"));
+    ASSERT_FALSE(test.Write("/OTHER", "bcdef"));
+    ASSERT_FALSE(test.Write("/FILE", "abc"));
+    ASSERT_FALSE(test.volume.Rename("/FILE", "/FILE2"));
+    ASSERT_FALSE(test.volume.Rename(from, "/FILE"));
+    ASSERT_FALSE(test.volume.Rename("/FILE", "/THIRD"));
+    EXPECT_EQ(test.Read("/FILE2"), "abc");
+    test.CloseAndCheck();
+  }
+}
