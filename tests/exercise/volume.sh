@@ -1,7 +1,7 @@
 # One volume of the exercise: made by mkfs.fat, shown as a folder, and after the work judged by programs that share nothing with
 # fatlib. To be sourced, with these set: work, a directory of its own; on, fatmount (or plain, or bindfs, to try a scene itself);
 # fatmount, the program.
-# shellcheck shell=bash disable=SC2154
+# shellcheck shell=bash disable=SC2154,SC2164
 
 folder=$work/folder
 image=$work/volume.img
