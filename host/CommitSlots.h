@@ -59,7 +59,8 @@ class SlotComparison {
   void IndexNew();
   bool IsNameTaken(const RawEntry& was, const RawEntry& is);
   std::error_code AllFreed(std::uint32_t first, bool* freed);
-  std::error_code EndSlot(Medium* medium, DirectoryPlace place, const std::vector<bool>& used, std::uint32_t* end);
+  static std::error_code EndSlot(Medium* medium, DirectoryPlace place, const std::vector<bool>& used,
+                                 std::uint32_t* end);
   std::error_code CompareChains(DirectoryPlace place, std::uint32_t* commonSlots, DirectoryChange* change);
   std::error_code Patch(const RawEntry& was, Fate fate, std::uint32_t size, DirectoryChange* change);
 

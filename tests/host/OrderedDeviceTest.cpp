@@ -52,7 +52,7 @@ TEST_P(OrderedDeviceOf, BytesOfFiles_PassAtOnce) {
   COrdered volume(GetParam());
   volume.Fill(9, 0x5A);
   EXPECT_EQ(volume.device->HeldBytes(), 0u);
-  EXPECT_EQ(volume.record->bytes[volume.medium.Layout().ClusterPosition(9)], 0x5A);
+  EXPECT_EQ(volume.record->bytes[ToSize(volume.medium.Layout().ClusterPosition(9))], 0x5A);
 }
 
 TEST_P(OrderedDeviceOf, FatsAndDirectories_AreKeptUntilFlush) {
