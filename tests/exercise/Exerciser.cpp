@@ -31,6 +31,7 @@ void Exerciser::Step() {
   static constexpr Choice choices[] = {
       {20, &Exerciser::Write},        {14, &Exerciser::Read},           {7, &Exerciser::MapWrite},
       {5, &Exerciser::MapRead},       {8, &Exerciser::Truncate},        {3, &Exerciser::Synchronise},
+      {2, &Exerciser::Allocate},      {3, &Exerciser::CopyRange},       {1, &Exerciser::ToggleReadOnly},
       {4, &Exerciser::SetTimes},      {4, &Exerciser::CheckOpenFile},   {8, &Exerciser::Open},
       {7, &Exerciser::Create},        {8, &Exerciser::Close},           {5, &Exerciser::Unlink},
       {2, &Exerciser::MakeDirectory}, {2, &Exerciser::RemoveDirectory}, {6, &Exerciser::Rename},

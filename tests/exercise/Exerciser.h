@@ -73,6 +73,8 @@ class Exerciser {
   void MapWrite();
   void MapRead();
   void Truncate();
+  void Allocate();
+  void CopyRange();
   void Synchronise();
   void SetTimes();
   void CheckOpenFile();
@@ -89,6 +91,7 @@ class Exerciser {
   void RemoveDirectory();
   void Rename();
   void RenameCase();
+  void ToggleReadOnly();
   void DoRename(Node& node, Node& directory, const std::string& name);
   void ListSome();
   NodePtr SomeDirectory();

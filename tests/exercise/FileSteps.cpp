@@ -181,6 +181,53 @@ void Exerciser::Truncate() {
   CheckStat(node, found);
 }
 
+void Exerciser::Allocate() {
+  OpenFile* open = Some([](const OpenFile& file) { return file.writable; });
+  const std::size_t room = RoomForBytes();
+  if (!open || room == 0) return;
+  Node& node = *open->node;
+  const std::size_t old = node.bytes.size();
+  const std::size_t offset = m_Random.Below(old + 1);
+  const std::size_t count = 1 + SomeSize(old - offset + room - 1);
+  const bool keepSize = m_Random.Percent(30);
+  const std::string what =
+      std::string("allocate ") + (keepSize ? "beyond the size " : "") + At(offset, count) + " of " + Called(node);
+  Note(what);
+  const std::time_t before = std::time(nullptr);
+  const int result =
+      fallocate(open->fd, keepSize ? FALLOC_FL_KEEP_SIZE : 0, static_cast<off_t>(offset), static_cast<off_t>(count));
+  const bool offered = result == 0 || errno != EOPNOTSUPP;
+  if (offered && Done(result, what)) {
+    if (!keepSize) node.bytes.resize(std::max(old, offset + count));
+    Changed(node, before);
+    node.changed.known = false;  // it may count as a change or not
+  }
+  CheckBytes(node, open->fd);
+}
+
+void Exerciser::CopyRange() {
+  const OpenFile* from = Some([](const OpenFile& file) { return file.readable && !file.node->bytes.empty(); });
+  const OpenFile* to = Some([](const OpenFile& file) { return file.writable && !file.append; });
+  if (!from || !to || from->node == to->node) return;
+  const Node& source = *from->node;
+  Node& node = *to->node;
+  const std::size_t start = m_Random.Below(source.bytes.size());
+  const std::size_t offset = m_Random.Below(node.bytes.size() + 1);
+  const std::size_t count = std::min({SomeSize(LONGEST_TRANSFER), source.bytes.size() - start, RoomForBytes()});
+  if (count == 0) return;
+  const std::string what =
+      "copy " + At(start, count) + " of " + Called(source) + " to " + std::to_string(offset) + " in " + Called(node);
+  Note(what);
+  const std::time_t before = std::time(nullptr);
+  auto in = static_cast<off_t>(start);
+  auto out = static_cast<off_t>(offset);
+  const ssize_t done = copy_file_range(from->fd, &in, to->fd, &out, count, 0);
+  if (!Done(done, what)) return CheckBytes(node, to->fd);
+  const auto first = source.bytes.begin() + static_cast<std::ptrdiff_t>(start);
+  Extend(node, offset, std::vector<unsigned char>(first, first + done));  // it may be less than was asked for
+  Changed(node, before);
+}
+
 void Exerciser::Synchronise() {
   OpenFile* open = Some([](const OpenFile&) { return true; });
   if (!open) return;

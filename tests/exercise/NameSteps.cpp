@@ -195,6 +195,20 @@ void Exerciser::DoRename(Node& node, Node& directory, const std::string& name) {
   StatOne();
 }
 
+void Exerciser::ToggleReadOnly() {
+  const NodePtr file = SomeFile();
+  if (!file) return;
+  Note("make " + Model::PathOf(*file) + " read-only, and writable again");
+  for (const mode_t mode : {mode_t{0444}, FILE_MODE}) {
+    const std::string path = HostPath(*file);
+    if (chmod(path.c_str(), mode) != 0) Fail("chmod " + path + ": " + std::strerror(errno));
+    struct stat found {};
+    if (stat(HostPath(*file).c_str(), &found) != 0) Fail("stat " + path + ": " + std::strerror(errno));
+    if ((found.st_mode & S_IWUSR) != (mode & S_IWUSR)) Fail(path + " has not become read-only, or writable again");
+    CheckStat(*file, found);
+  }
+}
+
 void Exerciser::ListSome() {
   const NodePtr directory = SomeDirectory();
   Note("list " + HostPath(*directory));

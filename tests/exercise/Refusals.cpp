@@ -32,6 +32,10 @@ void Exerciser::Refused() {
       if (!file) break;
       MustFail(CreateNew(HostPath(*file)), {EEXIST}, "creation of the existing " + Model::PathOf(*file));
       MustFail(mkdir(HostPath(*file).c_str(), DIRECTORY_MODE), {EEXIST}, "mkdir of the file " + Model::PathOf(*file));
+      if (const NodePtr other = SomeFile(); other != file) {
+        MustFail(renameat2(AT_FDCWD, HostPath(*other).c_str(), AT_FDCWD, HostPath(*file).c_str(), RENAME_NOREPLACE),
+                 {EEXIST, EINVAL}, "a rename that must not replace " + Model::PathOf(*file));
+      }
       MustFail(rmdir(HostPath(*file).c_str()), {ENOTDIR}, "rmdir of the file " + Model::PathOf(*file));
       break;
     case 1:
