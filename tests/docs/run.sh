@@ -2,6 +2,7 @@
 #
 #   console   commands after "$ ", continued on lines after "> ", each followed by what it prints; they are run one after the
 #             other in an empty directory of the document's own, and must print just that
+#   console-fuse   the same, where file systems can be mounted; elsewhere that is said, and they are left out
 #   sh        commands of this tree: make with a target that there is, cmake and ctest with a preset, scripts that are there;
 #             those that this test cannot run are looked up instead of run
 #   cpp       compiled; a program whose first line is a comment with its name is there for the console blocks that follow
@@ -55,6 +56,19 @@ run_console() {
   done <"$1"
   flush "$@"
   rm -f .printed
+}
+
+# Whatever happens, nothing stays mounted in the directory.
+run_mounting() { # FILE WHERE
+  if ! command -v fatmount >/dev/null || ! command -v fusermount3 >/dev/null || ! (exec 3<>/dev/fuse) 2>/dev/null; then
+    echo "$2: left out: there is no fatmount, or nothing can be mounted here"
+    return
+  fi
+  run_console "$@"
+  local folder
+  for folder in */; do
+    ! mountpoint -q "$folder" || fusermount3 -uz "$folder"
+  done
 }
 
 look_up_command() { # LINE WHERE
@@ -127,6 +141,7 @@ run_block() { # KIND FILE WHERE
   local line
   case $1 in
     console) run_console "$2" "$3" ;;
+    console-fuse) run_mounting "$2" "$3" ;;
     sh)
       while IFS= read -r line; do
         case $line in '' | '#'* | ' '*) ;; *) look_up_command "$line" "$3" ;; esac
