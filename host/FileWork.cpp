@@ -141,6 +141,10 @@ std::error_code ZeroFile(VolumeState* state, FileNode* file, std::uint32_t from,
   static const std::vector<unsigned char> zeros(BLOCK);
   if (from < to) {
     if (const std::error_code error = NeedHandleToChange(state, file)) return error;
+    // A file that was just made may have been brought to the medium already, as where the entries of its directory
+    // slid.
+    file->entry->ahead = true;
+    state->MarkChanged(file->entry->parent);
   }
   while (from < to) {
     const std::uint32_t piece = PieceAt(from, to - from);

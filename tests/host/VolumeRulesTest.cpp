@@ -152,6 +152,19 @@ TEST(VolumeRules, FixedRootWithGaps_TakesTheNameAndKeepsTheOthers) {
   test.CloseAndCheck();
 }
 
+// The entries are slid together, which brings everything to the medium between the creation and the zeros.
+TEST(VolumeRules, FileMadeInAFixedRootWithGaps_ReadsAsZeros) {
+  CTestVolume test({12, std::uint64_t{1} << 20, 512, 64});
+  ASSERT_FALSE(test.Write("/BEFORE", std::string(500000, 'x')));
+  ASSERT_FALSE(test.volume.Sync());
+  ASSERT_FALSE(test.volume.Remove("/BEFORE"));
+  MakeGaps(&test, "/");
+  ASSERT_FALSE(test.volume.CreateFile("/another long name of some slots", 3000, File::Fill::Zeros, 0, nullptr));
+  test.Close();
+  test.Open();
+  EXPECT_EQ(test.Read("/another long name of some slots"), std::string(3000, '\0'));
+}
+
 TEST(VolumeRules, PathThroughAFile_IsRefusedAndChangesNothing) {
   CTestVolume test;
   ASSERT_FALSE(test.Write("/FILE", std::string(64, '\0')));
