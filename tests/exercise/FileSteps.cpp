@@ -130,8 +130,7 @@ void Exerciser::MapWrite() {
   const std::size_t offset = m_Random.Below(node.bytes.size());
   const std::vector<unsigned char> bytes =
       m_Random.Bytes(1 + SomeSize(std::min(LONGEST_TRANSFER, node.bytes.size() - offset - 1)));
-  // Under another spelling of its name a file shows what came through memory only when that is flushed.
-  const bool flushed = m_Random.Percent(60) || (!m_Settings.ordinary && !m_Settings.exact);
+  const bool flushed = m_Random.Percent(60);
   const std::string what = "write " + At(offset, bytes.size()) + " through memory to " + Called(node);
   Note(what + (flushed ? ", and msync" : ""));
   const Mapping mapping(open->fd, offset, bytes.size(), PROT_READ | PROT_WRITE);
