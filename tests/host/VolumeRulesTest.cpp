@@ -159,10 +159,11 @@ TEST(VolumeRules, FileMadeInAFixedRootWithGaps_ReadsAsZeros) {
   ASSERT_FALSE(test.volume.Sync());
   ASSERT_FALSE(test.volume.Remove("/BEFORE"));
   MakeGaps(&test, "/");
-  ASSERT_FALSE(test.volume.CreateFile("/another long name of some slots", 3000, File::Fill::Zeros, 0, nullptr));
+  ASSERT_FALSE(test.volume.CreateFile("/another long name, of more slots than are left at the end", 3000,
+                                      File::Fill::Zeros, 0, nullptr));
   test.Close();
   test.Open();
-  EXPECT_EQ(test.Read("/another long name of some slots"), std::string(3000, '\0'));
+  EXPECT_EQ(test.Read("/another long name, of more slots than are left at the end"), std::string(3000, '\0'));
 }
 
 TEST(VolumeRules, PathThroughAFile_IsRefusedAndChangesNothing) {
