@@ -39,6 +39,21 @@ TEST_F(OptionsOf, Help_SaysHowItIsUsed) {
   EXPECT_NE(std::string::npos, result.Output.find("usage: fatmount"));
 }
 
+TEST_F(OptionsOf, Help_NamesWhatTheManualPageDescribes) {
+  const std::string help = Run({"-h"}).Output;
+  const std::string page = ReadFile(FATMOUNT_SOURCE_DIR "/docs/man/fatmount.1");
+  int options = 0;
+  for (std::size_t at = help.find("\n    -"); at < help.find("and of libfuse"); at = help.find("\n    -", at + 1)) {
+    const bool mounting = help.compare(at + 5, 3, "-o ") == 0;
+    const std::size_t end = help.find_first_of("=[, \n", at + (mounting ? 8 : 7));
+    const std::string shown = help.substr(at + 5, end - at - 5);
+    const std::string described = mounting ? "Fl o Cm " + shown.substr(3) : "Fl " + shown.substr(1);
+    EXPECT_NE(std::string::npos, page.find(described)) << described;
+    ++options;
+  }
+  EXPECT_EQ(10, options);
+}
+
 TEST_F(OptionsOf, Version_IsSaid) {
   const PROCESS_RESULT result = Run({"-V"});
   EXPECT_EQ(0, result.ExitCode);
