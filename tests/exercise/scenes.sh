@@ -204,11 +204,16 @@ scene fatexercise "fat12 fat16 fat32 fat12-small fat16-small fat32-small" "fat12
 scene_fatexercise() {
   local bytes=8388608 how=()
   [ "$on" = fatmount ] || how=(--ordinary)
-  [ "$type" != fat12-small ] || bytes=4000000
+  if [ "$type" = fat12-small ]; then # its root directory is small
+    bytes=4000000
+    how+=(--full)
+  fi
   if [ "$soak" -gt 0 ]; then
     "$fatexercise" "$folder" --seconds "$soak" --max-bytes "$bytes" "${how[@]}"
     return
   fi
+  "$fatexercise" "$folder" --seconds "$(pick 2 20)" --max-bytes "$bytes" "${how[@]}"
+  find "$folder" -mindepth 1 -delete
   mkdir "$folder/one" "$folder/two"
   "$fatexercise" "$folder/one" --seconds "$(pick 6 60)" --max-bytes $((bytes / 2)) --exact "${how[@]}" &
   local other=$!

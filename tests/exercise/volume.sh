@@ -19,7 +19,7 @@ volume_make() { # TYPE
     fat12) size=100M arguments=(-F 12 -s 64) ;;
     fat16) size=200M arguments=(-F 16 -s 8) ;;
     fat32) size=320M arguments=(-F 32 -s 8) ;;
-    fat12-small) size=7M arguments=(-F 12 -s 4) ;;
+    fat12-small) size=7M arguments=(-F 12 -s 4 -a -r 16) ;; # and a root directory that is soon full
     fat16-small) size=28M arguments=(-F 16 -s 1) ;;
     fat32-small) size=40M arguments=(-F 32 -s 1) ;;
     *) fail "there is no type $1" ;;
