@@ -116,19 +116,29 @@ judge_fsck() {
   [ "$counted" = "$space" ] || fail "of the clusters $space were in use by statfs, but $counted by fsck.fat"
 }
 
-# The end of a scene: what it left is what others read.
-volume_judge() {
+# What the image holds by the independent readers, against $work/left and $space.
+judge_image() {
+  judge_fsck
+  rm -rf "$work/mtools" "$work/7zip"
+  mkdir "$work/mtools" "$work/7zip"
+  [ ! -s "$work/left" ] || mcopy -s -m -Q -n -i "$image" '::/*' "$work/mtools" || fail "mtools cannot read everything"
+  judge_reader mtools "$work/mtools"
+  [ ! -s "$work/left" ] || 7z x -tFAT -bso0 -bsp0 -o"$work/7zip" "$image" || fail "7-Zip cannot read everything"
+  judge_reader 7-Zip "$work/7zip"
+}
+
+# What the scene leaves, by the mounted volume, which is then unmounted: the tree, and the clusters in use.
+volume_leave() {
   list_tree "$folder" >"$work/left"
   [ "$on" = fatmount ] || return 0
-  local total free space
+  local total free
   read -r total free <<<"$(stat -f -c '%b %f' "$folder")"
   space=$((total - free))/$total
   volume_unmount
-  judge_fsck
-  mkdir "$work/mtools"
-  [ ! -s "$work/left" ] || mcopy -s -m -Q -n -i "$image" '::/*' "$work/mtools"
-  judge_reader mtools "$work/mtools"
-  mkdir "$work/7zip"
-  [ ! -s "$work/left" ] || 7z x -tFAT -bso0 -bsp0 -o"$work/7zip" "$image"
-  judge_reader 7-Zip "$work/7zip"
+}
+
+# The end of a scene: what it left is what others read.
+volume_judge() {
+  volume_leave
+  [ "$on" != fatmount ] || judge_image
 }
