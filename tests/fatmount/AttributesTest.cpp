@@ -71,6 +71,19 @@ TEST_P(AttributesOf, WrittenFile_HasTheTimeOfNow) {
   EXPECT_LE(std::time(nullptr) - StatOf(*this / "file").st_mtim.tv_sec, 10);
 }
 
+TEST_P(AttributesOf, DirectoryWhoseEntriesChange_HasTheTimeOfNow) {
+  const std::string folder = *this / "folder";
+  const timespec times[2] = {{0, UTIME_OMIT}, {1234567890, 0}};
+  ASSERT_EQ(0, mkdir(folder.c_str(), 0777));
+  ASSERT_EQ(0, utimensat(AT_FDCWD, folder.c_str(), times, 0));
+  EXPECT_EQ(1234567890, StatOf(folder).st_mtim.tv_sec);
+  WriteFile(folder + "/file", "");
+  EXPECT_LE(std::time(nullptr) - StatOf(folder).st_mtim.tv_sec, 10);
+  ASSERT_EQ(0, utimensat(AT_FDCWD, folder.c_str(), times, 0));
+  ASSERT_EQ(0, unlink((folder + "/file").c_str()));
+  EXPECT_LE(std::time(nullptr) - StatOf(folder).st_mtim.tv_sec, 10);
+}
+
 TEST_P(AttributesOf, FileWithoutWritePermission_IsReadOnlyOnTheVolume) {
   WriteFile(*this / "file", "bytes");
   ASSERT_EQ(0, chmod((*this / "file").c_str(), 0444));

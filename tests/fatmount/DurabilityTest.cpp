@@ -126,6 +126,20 @@ TEST_P(SynchronousOf, EachChange_IsOnTheImageAtOnce) {
   ExpectOnImage("/other.txt", "some bytes");
 }
 
+class LimitedImage : public Images {};
+
+// The limit of a process for the size of files makes writes to the last part of the image fail.
+TEST_F(LimitedImage, WriteBackThatFails_IsReportedByTheNextFsyncAndSaid) {
+  MakeVolume(m_Image, 16000, {"-F", "16", "-s", "4"});
+  Mount mount(m_Image, m_Folder, {}, "trap '' XFSZ; ulimit -f 8000");  // of 512 bytes
+  ASSERT_TRUE(mount.Stands()) << mount.Printed();
+  const Descriptor file(m_Folder + "/file", O_RDWR | O_CREAT);
+  ASSERT_TRUE(file.Write(0, std::string(6000000, 'x')));
+  for (int tenths = 0; tenths < 150 && mount.Printed().empty(); ++tenths) usleep(100000);
+  EXPECT_NE(std::string::npos, mount.Printed().find("writing back failed")) << mount.Printed();
+  EXPECT_NE(0, fsync(file.Get()));
+}
+
 // ---------------------------------------------------------------------------------------------- killed
 
 class KilledOn : public testing::TestWithParam<int> {};

@@ -49,9 +49,10 @@ const std::string& MakeTypedVolume(const std::string& image, const std::string& 
 
 }  // namespace
 
-Mount::Mount(const std::string& image, const std::string& folder, const std::vector<std::string>& options)
+Mount::Mount(const std::string& image, const std::string& folder, const std::vector<std::string>& options,
+             const std::string& before)
     : m_Folder(folder) {
-  std::vector<std::string> arguments{FATMOUNT_PROGRAM, "-f"};
+  std::vector<std::string> arguments{"/bin/sh", "-c", before + "; exec \"$0\" \"$@\"", FATMOUNT_PROGRAM, "-f"};
   arguments.insert(arguments.end(), options.begin(), options.end());
   arguments.insert(arguments.end(), {image, folder});
   const std::string output = m_Directory / "output";

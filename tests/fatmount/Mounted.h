@@ -21,7 +21,9 @@ namespace fatmount_test {
 class Mount {
  public:
   /// Waits until the volume stands, or fatmount has ended.
-  Mount(const std::string& image, const std::string& folder, const std::vector<std::string>& options = {});
+  /// @param before  what a shell does before it becomes fatmount
+  Mount(const std::string& image, const std::string& folder, const std::vector<std::string>& options = {},
+        const std::string& before = ":");
   /// Leaves no mount and no process.
   ~Mount();
   Mount(const Mount&) = delete;

@@ -90,6 +90,20 @@ TEST_P(NamesOf, DirectoryHasItsDotEntries) {
   EXPECT_EQ(StatOf(m_Folder).st_ino, StatOf(*this / "folder/..").st_ino);
 }
 
+TEST_P(NamesOf, ListedEntries_HaveTheNumbersOfTheirFiles) {
+  const std::string folder = *this / "folder";
+  ASSERT_EQ(0, Mkdir("folder"));
+  for (int i = 0; i < 300; ++i) WriteFile(folder + "/a file " + std::to_string(i), "");
+  (void)Unmounted();
+  m_pMount = std::make_unique<Mount>(m_Image, m_Folder);
+  DIR* const directory = opendir(folder.c_str());
+  ASSERT_NE(nullptr, directory);
+  while (const dirent* entry = readdir(directory)) {
+    EXPECT_EQ(StatOf(folder + "/" + entry->d_name).st_ino, entry->d_ino) << entry->d_name;
+  }
+  closedir(directory);
+}
+
 TEST_P(NamesOf, RewoundDirectory_ShowsWhatIsNew) {
   WriteFile(*this / "one", "");
   DIR* const directory = opendir(m_Folder.c_str());

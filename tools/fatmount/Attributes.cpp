@@ -62,7 +62,15 @@ std::uint8_t WithMode(std::uint8_t attributes, mode_t mode) {
 }
 
 fatlib::Stamp StampOf(const std::timespec& time) {
-  return fatlib::ToStamp(time.tv_sec, time.tv_nsec, fatlib::Zone::Local);
+  fatlib::Stamp stamp = fatlib::ToStamp(time.tv_sec, time.tv_nsec, fatlib::Zone::Local);
+  stamp.tenMilliseconds = 0;
+  return stamp;
+}
+
+fatlib::Stamp StampOfNow() {
+  std::timespec now{};
+  (void)std::timespec_get(&now, TIME_UTC);
+  return StampOf(now);
 }
 
 int ErrnoOf(const std::error_code& error) {

@@ -27,7 +27,9 @@ void FillSize(const fatlib::Geometry& layout, std::uint64_t size, struct stat* a
 /// The attributes of FAT that a mode gives a file: only the owner's permission to write can be kept.
 std::uint8_t WithMode(std::uint8_t attributes, mode_t mode);
 
+/// For a time of modification.
 fatlib::Stamp StampOf(const std::timespec& time);
+fatlib::Stamp StampOfNow();
 
 /// @return an errno, 0 for success
 int ErrnoOf(const std::error_code& error);

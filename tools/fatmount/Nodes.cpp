@@ -26,13 +26,13 @@ Node* Nodes::Child(const Node* parent, const std::u16string& name) {
   return found == m_ByName.end() ? nullptr : found->second;
 }
 
-Node* Nodes::Enter(Node* parent, const fatlib::Entry& entry) {
-  Key key{parent->id, fatlib::UpCase(entry.name)};
+Node* Nodes::Enter(Node* parent, const std::u16string& name, bool directory) {
+  Key key{parent->id, fatlib::UpCase(name)};
   const auto found = m_ByName.find(key);
   if (found != m_ByName.end()) {
     Node* const known = found->second;
-    if (known->directory == entry.IsDirectory()) {
-      known->name = entry.name;
+    if (known->directory == directory) {
+      known->name = name;
       return known;
     }
     Remove(known);  // a failure has changed the volume behind our back
@@ -40,8 +40,8 @@ Node* Nodes::Enter(Node* parent, const fatlib::Entry& entry) {
   auto node = std::make_unique<Node>();
   node->id = m_nNext++;
   node->parent = parent;
-  node->name = entry.name;
-  node->directory = entry.IsDirectory();
+  node->name = name;
+  node->directory = directory;
   Node* const entered = m_Nodes.emplace(node->id, std::move(node)).first->second.get();
   m_ByName.emplace(std::move(key), entered);
   ++parent->children;

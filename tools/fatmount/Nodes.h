@@ -45,8 +45,8 @@ class Nodes {
   /// The node of an entry, if it has one.
   Node* Child(const Node* parent, const std::u16string& name);
   /// The node of an entry, made when there is none.
-  /// @param entry  as it is on the volume
-  Node* Enter(Node* parent, const fatlib::Entry& entry);
+  /// @param name  as it is on the volume
+  Node* Enter(Node* parent, const std::u16string& name, bool directory);
   /// Follows a rename; `parent` and `name` had no node.
   void Move(Node* node, Node* parent, const std::u16string& name);
   /// The entry is gone. The node goes when the kernel has forgotten it and nobody has it open.

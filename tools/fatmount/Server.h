@@ -85,6 +85,7 @@ class Server {
   void UndoOrphan(Node* node);
   /// Node and place of a name in a directory. @param node  out: null when the kernel never asked for it
   int FindChild(NodeId parent, const char* name, Node** directory, std::u16string* units, Node** node);
+  void EntriesChanged(Node* directory);
   void ForgetOtherSpelling(const Node* node, const std::u16string& used);
   int FillListing(Node* node, Listing* listing);
   std::size_t AddEntry(fuse_req_t request, Node* directory, Listing* listing, std::size_t index, std::size_t used,

@@ -4,23 +4,11 @@
 #include <fcntl.h>
 
 #include <cerrno>
-#include <ctime>
 #include <limits>
 
 #include "Server.h"
 
 namespace fatmount {
-
-namespace {
-
-void SetModified(Orphan* orphan) {
-  std::timespec now{};
-  (void)std::timespec_get(&now, TIME_UTC);
-  orphan->Known().times.modified = StampOf(now);
-  orphan->Known().times.modified.tenMilliseconds = 0;
-}
-
-}  // namespace
 
 int Server::OpenFile(Node* node) {
   if (node->directory) return EISDIR;
@@ -86,7 +74,7 @@ int Server::Write(fuse_req_t request, NodeId id, const char* bytes, std::size_t 
     const std::uint64_t limit = std::numeric_limits<std::uint32_t>::max();
     if (from > limit || size > limit - from) return EFBIG;
     error = node->orphan->Write(from, bytes, size);
-    SetModified(node->orphan.get());
+    node->orphan->Known().times.modified = StampOfNow();
   } else {
     error = node->file.Write(from, bytes, size);
   }
@@ -104,7 +92,7 @@ int Server::Resize(Node* node, std::uint64_t size) {
   if (node->orphan != nullptr) {
     if (size > std::numeric_limits<std::uint32_t>::max()) return EFBIG;
     error = node->orphan->Resize(size);
-    SetModified(node->orphan.get());
+    node->orphan->Known().times.modified = StampOfNow();
   } else {
     error = node->file.Resize(size);
     if (!wasOpen) node->file.Close();

@@ -65,7 +65,7 @@ int Server::Getattr(fuse_req_t request, NodeId id) {
 }
 
 fuse_entry_param Server::Tell(Node* parent, const fatlib::Entry& entry, const std::u16string& spelling, Node** node) {
-  Node* const told = m_Nodes.Enter(parent, entry);
+  Node* const told = m_Nodes.Enter(parent, entry.name, entry.IsDirectory());
   if (spelling != told->name && !told->directory) told->aliased = true;
   ++told->lookups;
   *node = told;
@@ -92,14 +92,13 @@ int Server::SetMode(Node* node, mode_t mode) {
 int Server::SetTimes(Node* node, const struct stat& wanted, int what) {
   fatlib::Entry entry;
   if (const int error = StatNode(node, &entry)) return error;
-  std::timespec now{};
-  (void)std::timespec_get(&now, TIME_UTC);
   if ((what & (FUSE_SET_ATTR_MTIME | FUSE_SET_ATTR_MTIME_NOW)) != 0) {
-    entry.times.modified = StampOf((what & FUSE_SET_ATTR_MTIME_NOW) != 0 ? now : wanted.st_mtim);
-    entry.times.modified.tenMilliseconds = 0;
+    entry.times.modified = (what & FUSE_SET_ATTR_MTIME_NOW) != 0 ? StampOfNow() : StampOf(wanted.st_mtim);
   }
   if ((what & (FUSE_SET_ATTR_ATIME | FUSE_SET_ATTR_ATIME_NOW)) != 0) {
-    entry.times.accessed = {StampOf((what & FUSE_SET_ATTR_ATIME_NOW) != 0 ? now : wanted.st_atim).date, 0, 0};
+    entry.times.accessed = StampOf(wanted.st_atim);
+    if ((what & FUSE_SET_ATTR_ATIME_NOW) != 0) entry.times.accessed = StampOfNow();
+    entry.times.accessed.time = 0;  // it is a date
   }
   if (node->orphan != nullptr) {
     node->orphan->Known().times = entry.times;
@@ -187,9 +186,7 @@ std::size_t Server::AddEntry(fuse_req_t request, Node* directory, Listing* listi
   }
   const Listing::Name& name = listing->names[index - 2];
   const std::string text = fatlib::ToUtf8(name.units);
-  // A number for what the kernel does not know yet is given only where it learns of the file.
-  const Node* const known = m_Nodes.Child(directory, name.units);
-  answer.attr.st_ino = known != nullptr ? known->id : 0xFFFFFFFFu;
+  answer.attr.st_ino = m_Nodes.Enter(directory, name.units, name.directory)->id;
   answer.attr.st_mode = name.directory ? S_IFDIR : S_IFREG;
   if (!plus) return fuse_add_direntry(request, at, room, text.c_str(), &answer.attr, next);
   if (fuse_add_direntry_plus(request, nullptr, 0, text.c_str(), nullptr, 0) > room) return room + 1;

@@ -56,9 +56,19 @@ int Server::Lookup(fuse_req_t request, NodeId parent, const char* name) {
 
 // ---------------------------------------------------------------------------------------------- making
 
+// FAT has a time for it, but the library leaves it alone. That it cannot be set is no reason to refuse the change.
+void Server::EntriesChanged(Node* directory) {
+  fatlib::Entry entry;
+  const fatlib::Path path = Nodes::PathOf(directory);
+  if (path.IsRoot() || m_pVolume->Stat(path, &entry)) return;
+  entry.times.modified = StampOfNow();
+  (void)m_pVolume->SetTimes(path, entry.times);
+}
+
 int Server::AnswerNewEntry(fuse_req_t request, Node* parent, const std::u16string& name, fuse_file_info* file) {
   fatlib::Entry entry;
   if (const std::error_code error = m_pVolume->Stat(Nodes::PathOf(parent) / name, &entry)) return ErrnoOf(error);
+  EntriesChanged(parent);
   if (const int error = Changed()) return error;
   Node* node;
   const fuse_entry_param answer = Tell(parent, entry, name, &node);
@@ -133,6 +143,7 @@ int Server::Remove(NodeId parent, const char* name, bool directory) {
     ForgetOtherSpelling(node, units);
     m_Nodes.Remove(node);
   }
+  EntriesChanged(folder);
   return Changed();
 }
 
@@ -172,6 +183,8 @@ int Server::Rename(NodeId parent, const char* name, NodeId newParent, const char
       m_pNotifier->ForgetName(to->id, fatlib::ToUtf8(newUnits));
     }
   }
+  EntriesChanged(from);
+  if (to != from) EntriesChanged(to);
   return Changed();
 }
 
