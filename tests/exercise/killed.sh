@@ -44,6 +44,10 @@ round_of_kill() { # ROUND WORK...
     rm -rf "${folder:?}"/*
     return 0
   fi
+  if [ $((round % 2)) = 1 ]; then # in the middle of bringing it there, with some luck
+    sync -f "$folder" 2>/dev/null &
+    sleep "0.00$round"
+  fi
   kill -0 "$worker" || fail "the work was over before the kill: $(tail -n 8 "$work/worker")"
   volume_kill "$worker"
   judge_cut
