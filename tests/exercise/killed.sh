@@ -25,6 +25,22 @@ judge_kept() {
   diff -r -x flushed "$sources/docs" "$folder/kept" || fail "what nobody touched was harmed"
 }
 
+# What is left after a cut, before and after the repair.
+judge_after_cut() {
+  judge_cut
+  volume_mount
+  judge_kept
+  find "$folder" -type f -exec cat {} + >/dev/null || fail "a file cannot be read after the cut"
+  volume_unmount
+  fsck.fat -a "$image" || true
+  fsck.fat -n "$image" || fail "the volume was not repaired"
+  volume_mount
+  judge_kept
+  echo again >"$folder/kept/again"
+  volume_unmount
+  fsck.fat -n "$image" || fail "the repaired volume does not stay so"
+}
+
 # Kills it while WORK is running in the folder. Now and then the volume is synchronised meanwhile, as the system does.
 round_of_kill() { # ROUND WORK...
   local round=$1 worker
@@ -50,18 +66,7 @@ round_of_kill() { # ROUND WORK...
   fi
   kill -0 "$worker" || fail "the work was over before the kill: $(tail -n 8 "$work/worker")"
   volume_kill "$worker"
-  judge_cut
-  volume_mount
-  judge_kept
-  find "$folder" -type f -exec cat {} + >/dev/null || fail "a file cannot be read after the cut"
-  volume_unmount
-  fsck.fat -a "$image" || true
-  fsck.fat -n "$image" || fail "the volume was not repaired"
-  volume_mount
-  judge_kept
-  echo again >"$folder/kept/again"
-  volume_unmount
-  fsck.fat -n "$image" || fail "the repaired volume does not stay so"
+  judge_after_cut
 }
 
 scene killed-fatexercise "fat12 fat16 fat32" "fat16" 60 300 "fatexercise"
@@ -81,5 +86,31 @@ scene_killed-git() {
     # shellcheck disable=SC2016
     round_of_kill "$round" timeout 60 bash -c 'for ((i = 0; i < 100; ++i)); do git clone -q --no-local "$0" "$1/$i" || exit 1; done' \
       "$repository" "$folder/work"
+  done
+}
+
+scene cut-commits "fat12 fat16 fat32" "fat16" 60 300 "fatexercise"
+scene_cut-commits() {
+  [ "$on" = fatmount ] || return 0
+  local nth syncing
+  for nth in $(pick "23 84 161" "$(seq 5 13 300)"); do
+    volume_make "$type"
+    volume_mount
+    cp -r "$sources/docs" "$folder/kept"
+    cp "$sources/README.md" "$folder/kept/flushed"
+    volume_unmount
+    # Without the order in which a sanitizer wants libraries to come.
+    LD_PRELOAD=$cut FATEXERCISE_CUT=$nth ASAN_OPTIONS=verify_asan_link_order=0 volume_mount
+    mkdir "$folder/work"
+    while sync -f "$folder" && sleep 0.03; do :; done 2>"$work/sync" &
+    syncing=$!
+    if timeout 40 "$fatexercise" "$folder/work" --seed "$nth" --seconds 30 >"$work/worker" 2>&1; then
+      fail "there was no write number $nth"
+    fi
+    wait "$pid" || true
+    pid=
+    wait "$syncing" || true
+    unmount_patiently || fail "what is left of the mount cannot be removed"
+    judge_after_cut
   done
 }
