@@ -117,7 +117,7 @@ int main(int argc, char** argv) {
   }
   const std::string folder = argv[1];
   const std::size_t requests = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 256;
-  const int files = argc > 3 ? std::atoi(argv[3]) : 10000;
+  const int files = argc > 3 ? static_cast<int>(std::strtol(argv[3], nullptr, 10)) : 10000;
   WriteLarge(folder + "/large", requests);
   ReadLarge(folder + "/large", requests);
   Check(unlink((folder + "/large").c_str()) == 0, "large");

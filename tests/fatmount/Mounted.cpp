@@ -101,7 +101,12 @@ int Mount::Kill(int signal) {
 }
 
 int Mount::Unmount() {
-  const PROCESS_RESULT result = RunProcess({"fusermount3", "-u", m_Folder});
+  PROCESS_RESULT result = RunProcess({"fusermount3", "-u", m_Folder});
+  // Others look at what is mounted on the machine, and keep it busy for a moment.
+  for (int step = 0; step < STEPS && result.Output.find("busy") != std::string::npos; ++step) {
+    Step();
+    result = RunProcess({"fusermount3", "-u", m_Folder});
+  }
   EXPECT_TRUE(result.Ok()) << result.Output;
   return result.Ok() ? WaitForEnd() : -1;
 }

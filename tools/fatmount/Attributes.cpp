@@ -9,14 +9,14 @@ namespace fatmount {
 
 namespace {
 
-constexpr blksize_t TRANSFER = 64 * 1024;  // what programs that ask read and write at once
+constexpr blksize_t TRANSFER = blksize_t{64} * 1024;  // what programs that ask read and write at once
 constexpr std::uint64_t STAT_BLOCK = 512;
 
 // Most times in a directory are among a few, and the way through the time zone is long.
 std::timespec TimeOf(const fatlib::Stamp& stamp) {
   struct Known {
-    fatlib::Stamp stamp;
     std::timespec time{};
+    fatlib::Stamp stamp;
     bool valid = false;
   };
   static Known known[64];

@@ -6,11 +6,10 @@
 #include <sys/syscall.h>
 #include <sys/uio.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <string>
 
 namespace fatmount {
@@ -31,12 +30,14 @@ bool ReadArguments(pid_t thread, Arguments* arguments) {
   std::snprintf(path, sizeof path, "/proc/%d/syscall", thread);
   std::FILE* const file = std::fopen(path, "re");
   if (file == nullptr) return false;
-  unsigned long long value[4];
-  const int count =
-      std::fscanf(file, "%ld %llx %llx %llx %llx", &arguments->number, &value[0], &value[1], &value[2], &value[3]);
+  char line[256] = {};
+  const bool read = std::fgets(line, sizeof line, file) != nullptr;
   std::fclose(file);
-  std::copy(std::begin(value), std::end(value), std::begin(arguments->value));
-  return count == 5;
+  char* end = line;
+  arguments->number = std::strtol(line, &end, 10);
+  if (!read || end == line) return false;  // as of a thread that runs
+  for (std::uint64_t& value : arguments->value) value = std::strtoull(end, &end, 16);
+  return true;
 }
 
 /// A string of the thread's memory. @return empty when it cannot be read
@@ -46,6 +47,7 @@ std::string TextAt(pid_t thread, std::uint64_t address) {
   while (text.size() < LONGEST_PATH) {
     const std::size_t size = PAGE - address % PAGE;  // the page behind may not be there
     const iovec local{piece, size};
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): it is an address of another process
     const iovec remote{reinterpret_cast<void*>(address), size};
     const ssize_t got = process_vm_readv(thread, &local, 1, &remote, 1, 0);
     if (got <= 0) return {};
@@ -75,7 +77,8 @@ bool IsChangingCase(pid_t thread, std::string_view name) {
   const std::string to = LastComponent(TextAt(thread, arguments.value[at ? 3 : 1]));
   if (to != name) return false;
   const std::string from = LastComponent(TextAt(thread, arguments.value[at ? 1 : 0]));
-  std::u16string fromUnits, toUnits;
+  std::u16string fromUnits;
+  std::u16string toUnits;
   return from != to && fatlib::FromUtf8(from, &fromUnits) && fatlib::FromUtf8(to, &toUnits) &&
          fatlib::SameName(fromUnits, toUnits);
 }

@@ -133,8 +133,8 @@ void Readdirplus(fuse_req_t request, fuse_ino_t id, std::size_t size, off_t offs
 }
 
 void Releasedir(fuse_req_t request, fuse_ino_t, fuse_file_info* file) {
-  Confirm(request, Request::Releasedir, [&](Server& server) {
-    server.Releasedir(file);
+  Confirm(request, Request::Releasedir, [&](Server&) {
+    Server::Releasedir(file);
     return 0;
   });
 }

@@ -72,7 +72,7 @@ std::error_code Orphan::Read(std::uint64_t offset, void* buffer, std::size_t siz
   return {};
 }
 
-std::error_code Orphan::Write(std::uint64_t offset, const void* buffer, std::size_t size) {
+std::error_code Orphan::Write(std::uint64_t offset, const void* buffer, std::size_t size) const {
   for (std::size_t done = 0; done < size;) {
     const ssize_t count =
         pwrite(m_hFile, static_cast<const char*>(buffer) + done, size - done, static_cast<off_t>(offset + done));
@@ -83,7 +83,7 @@ std::error_code Orphan::Write(std::uint64_t offset, const void* buffer, std::siz
   return {};
 }
 
-std::error_code Orphan::Resize(std::uint64_t size) {
+std::error_code Orphan::Resize(std::uint64_t size) const {
   return ftruncate(m_hFile, static_cast<off_t>(size)) == 0 ? std::error_code() : LastError();
 }
 

@@ -28,8 +28,8 @@ class Orphan {
 
   std::uint64_t Size() const;
   [[nodiscard]] std::error_code Read(std::uint64_t offset, void* buffer, std::size_t size, std::size_t* done) const;
-  [[nodiscard]] std::error_code Write(std::uint64_t offset, const void* buffer, std::size_t size);
-  [[nodiscard]] std::error_code Resize(std::uint64_t size);
+  [[nodiscard]] std::error_code Write(std::uint64_t offset, const void* buffer, std::size_t size) const;
+  [[nodiscard]] std::error_code Resize(std::uint64_t size) const;
   /// What was known of the file when it was removed, and is changed since; the size is not kept up.
   fatlib::Entry& Known() { return m_Entry; }
 

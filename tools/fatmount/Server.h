@@ -50,7 +50,7 @@ class Server {
   int Opendir(fuse_req_t request, NodeId id, fuse_file_info* file);                 ///< answers with the handle
   int Readdir(fuse_req_t request, NodeId id, std::size_t size, off_t offset, fuse_file_info* file,
               bool plus);  ///< answers with entries
-  void Releasedir(fuse_file_info* file);
+  static void Releasedir(fuse_file_info* file);
 
   // ---- bytes: ServerFiles.cpp
 
@@ -77,7 +77,7 @@ class Server {
   int AnswerNewEntry(fuse_req_t request, Node* parent, const std::u16string& name, fuse_file_info* file);
   /// Makes the file that a node is of ready for bytes. @return ENOENT, ...
   int OpenFile(Node* node);
-  void OpenHandle(Node* node, fuse_file_info* file);
+  static void OpenHandle(Node* node, fuse_file_info* file);
   int Resize(Node* node, std::uint64_t size);
   int SetTimes(Node* node, const struct stat& wanted, int what);
   int SetMode(Node* node, mode_t mode);

@@ -202,6 +202,7 @@ std::size_t Server::AddEntry(fuse_req_t request, Node* directory, Listing* listi
 int Server::Readdir(fuse_req_t request, NodeId id, std::size_t size, off_t offset, fuse_file_info* file, bool plus) {
   Node* node;
   if (const int error = Use(id, &node)) return error;
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): libfuse keeps it as a number
   Listing* const listing = reinterpret_cast<Listing*>(file->fh);
   if (offset == 0 || !listing->filled) {
     if (const int error = FillListing(node, listing)) return error;

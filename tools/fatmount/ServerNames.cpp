@@ -149,8 +149,12 @@ int Server::Remove(NodeId parent, const char* name, bool directory) {
 
 int Server::Rename(NodeId parent, const char* name, NodeId newParent, const char* newName, unsigned int flags) {
   if ((flags & ~static_cast<unsigned int>(RENAME_NOREPLACE)) != 0) return EINVAL;
-  Node *from, *to, *node, *inTheWay;
-  std::u16string units, newUnits;
+  Node* from;
+  Node* to;
+  Node* node;
+  Node* inTheWay;
+  std::u16string units;
+  std::u16string newUnits;
   if (const int error = FindChild(parent, name, &from, &units, &node)) return error;
   if (const int error = FindChild(newParent, newName, &to, &newUnits, &inTheWay)) return error;
   if (m_pVolume->Mode() == fatlib::Access::ReadOnly) return EROFS;
