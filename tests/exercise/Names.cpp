@@ -55,15 +55,18 @@ std::string Encode(const std::u32string& points) {
 }  // namespace
 
 std::string MakeName(Random& random) {
-  // None looks like the short form of another: on FAT that would be the same name.
+  // Some look like the short names that FAT keeps for others.
   static const std::vector<std::string> bases = {"a",
                                                  "FILE",
                                                  "data",
                                                  "Mixed",
                                                  "longer than eight",
                                                  "longer than eight too",
+                                                 "LONGER~1",
+                                                 "LONGER~2",
                                                  ".hidden",
                                                  "a+b=c; d, [e]",
+                                                 "A_B=C_~1",
                                                  "x y",
                                                  "~1",
                                                  "no-ext",
@@ -75,7 +78,8 @@ std::string MakeName(Random& random) {
   static const std::vector<std::string> extensions = {"", "", ".txt", ".C", ".Tar.gz", ".jpeg", ".текст", ".o"};
   std::string name = random.Of(bases);
   // Few numbers, so that names meet again.
-  if (random.Percent(70)) name += std::to_string(random.Below(12));
+  const bool isShortName = name.find('~') != std::string::npos && name.size() == 8;
+  if (random.Percent(isShortName ? 20 : 70)) name += std::to_string(random.Below(12));
   if (random.Percent(4)) name += " " + std::string(20 + random.Below(40), 'l');
   return name + random.Of(extensions);
 }
