@@ -155,7 +155,10 @@ int Server::Opendir(fuse_req_t request, NodeId id, fuse_file_info* file) {
   return 0;
 }
 
-void Server::Releasedir(fuse_file_info* file) { delete reinterpret_cast<Listing*>(file->fh); }
+void Server::Releasedir(fuse_file_info* file) {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): libfuse keeps it as a number
+  delete reinterpret_cast<Listing*>(file->fh);
+}
 
 int Server::FillListing(Node* node, Listing* listing) {
   listing->names.clear();
