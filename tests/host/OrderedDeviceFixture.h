@@ -100,8 +100,8 @@ class CViewDevice final : public fatlib::Device {
 inline std::vector<RECORDED_WRITE> SectorsOf(const RECORDED_WRITE& write, unsigned int sectorBytes) {
   std::vector<RECORDED_WRITE> sectors;
   for (std::size_t done = 0; done < write.bytes.size();) {
-    const auto inSector = static_cast<std::size_t>((write.position + done) % sectorBytes);
-    const std::size_t count = std::min(write.bytes.size() - done, sectorBytes - inSector);
+    const auto inSector = static_cast<unsigned int>((write.position + done) % sectorBytes);
+    const auto count = std::min<std::size_t>(write.bytes.size() - done, sectorBytes - inSector);
     const auto from = write.bytes.begin() + static_cast<std::ptrdiff_t>(done);
     sectors.push_back({write.position + done, {from, from + static_cast<std::ptrdiff_t>(count)}});
     done += count;
