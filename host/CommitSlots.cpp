@@ -205,9 +205,8 @@ std::error_code SlotComparison::EndSlot(Medium* medium, DirectoryPlace place, co
   for (bool isRead = false; slot < used.size(); ++slot) {
     const std::uint32_t inSector = slot % sectorSlots;
     if (inSector == 0 || !isRead) {
-      std::uint64_t position = 0;
-      if (const std::error_code error = medium->SlotPosition(place, slot, &position)) return error;
-      const std::uint64_t start = position - std::uint64_t{inSector} * SLOT_BYTES;
+      std::uint64_t start = 0;
+      if (const std::error_code error = medium->SlotPosition(place, slot - inSector, &start)) return error;
       if (const std::error_code error = medium->Base()->Read(start, bytes.data(), bytes.size())) return error;
       isRead = true;
     }
