@@ -167,6 +167,16 @@ TEST_P(NamesOf, CaseOfAShortNameChanged_IsListedSo) {
   EXPECT_EQ((Names{".", "..", "FILE.TXT"}), ListOf(m_Folder));
 }
 
+TEST_P(NamesOf, CaseChangedToHowADirectoryAboveIsSpelled_IsListedSo) {
+  ASSERT_EQ(0, Mkdir("Name"));
+  WriteFile(*this / "Name/NAME", "bytes");
+  ASSERT_EQ(0, Rename("Name/NAME", "name/name"));
+  EXPECT_EQ((Names{".", "..", "name"}), ListOf(*this / "Name"));
+  ASSERT_EQ(0, Unlink("Name/name"));
+  ASSERT_EQ(0, Mkdir("Name/NAME"));
+  ASSERT_EQ(0, Rename("Name/NAME", "name/name"));
+  EXPECT_EQ((Names{".", "..", "name"}), ListOf(*this / "Name"));
+}
 TEST_P(NamesOf, CaseOfADirectoryChanged_IsListedSo) {
   ASSERT_EQ(0, Mkdir("folder"));
   WriteFile(*this / "folder/file", "bytes");

@@ -59,28 +59,45 @@ std::string TextAt(pid_t thread, std::uint64_t address) {
   return {};
 }
 
-std::string LastComponent(const std::string& path) {
-  const std::size_t end = path.find_last_not_of('/');
-  if (end == std::string::npos) return {};
-  const std::size_t begin = path.find_last_of('/', end);
-  return path.substr(begin + 1, end - begin);
+/// Takes the last component off a path.
+std::string TakeComponent(std::string* path) {
+  const std::size_t end = path->find_last_not_of('/');
+  if (end == std::string::npos) {
+    path->clear();
+    return {};
+  }
+  const std::size_t begin = path->find_last_of('/', end) + 1;
+  std::string component = path->substr(begin, end + 1 - begin);
+  path->resize(begin);
+  return component;
+}
+
+bool AreOneName(const std::string& one, const std::string& other) {
+  std::u16string oneUnits;
+  std::u16string otherUnits;
+  return fatlib::FromUtf8(one, &oneUnits) && fatlib::FromUtf8(other, &otherUnits) &&
+         fatlib::SameName(oneUnits, otherUnits);
 }
 
 }  // namespace
 
-bool IsChangingCase(pid_t thread, std::string_view name) {
+bool IsChangingCase(pid_t thread, std::string_view name, std::size_t passed) {
   Arguments arguments;
   if (thread <= 0 || !ReadArguments(thread, &arguments)) return false;
   const bool at = arguments.number == SYS_renameat || arguments.number == SYS_renameat2;
   if (!at && arguments.number != SYS_rename) return false;
   // With "at" a directory stands before each path.
-  const std::string to = LastComponent(TextAt(thread, arguments.value[at ? 3 : 1]));
+  std::string way = TextAt(thread, arguments.value[at ? 3 : 1]);
+  const std::string to = TakeComponent(&way);
   if (to != name) return false;
-  const std::string from = LastComponent(TextAt(thread, arguments.value[at ? 1 : 0]));
-  std::u16string fromUnits;
-  std::u16string toUnits;
-  return from != to && fatlib::FromUtf8(from, &fromUnits) && fatlib::FromUtf8(to, &toUnits) &&
-         fatlib::SameName(fromUnits, toUnits);
+  std::string old = TextAt(thread, arguments.value[at ? 1 : 0]);
+  const std::string from = TakeComponent(&old);
+  if (from == to || !AreOneName(from, to)) return false;
+  std::size_t ahead = 0;
+  while (!way.empty() && ahead <= passed) {
+    if (AreOneName(TakeComponent(&way), to)) ++ahead;
+  }
+  return ahead <= passed;
 }
 
 }  // namespace fatmount

@@ -13,14 +13,20 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 namespace fatmount {
 
 /// @param thread  that waits for a lookup
 /// @param name    what it looks up, UTF-8
-/// @return whether the thread is in a rename to that name from one that differs from it in case only
-bool IsChangingCase(pid_t thread, std::string_view name);
+/// @param passed  how many of the directories that the lookup has come through are of that name, in any case; a file is
+///                at the end of its path: ALL
+/// @return whether the thread is in a rename to that name from one that differs from it in case only, and has come to
+///         the end of the new path: the same name can be that of a directory on the way
+bool IsChangingCase(pid_t thread, std::string_view name, std::size_t passed);
+constexpr std::size_t ALL = SIZE_MAX;
 
 }  // namespace fatmount
 

@@ -98,4 +98,12 @@ fatlib::Path Nodes::PathOf(const Node* node) {
   return PathOf(node->parent) / node->name;
 }
 
+std::size_t Nodes::CountAbove(const Node* directory, const std::u16string& name) {
+  std::size_t count = 0;
+  for (; directory != nullptr; directory = directory->parent) {
+    if (fatlib::SameName(directory->name, name)) ++count;
+  }
+  return count;
+}
+
 }  // namespace fatmount

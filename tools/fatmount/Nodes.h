@@ -57,6 +57,8 @@ class Nodes {
   std::size_t Count() const { return m_Nodes.size(); }
 
   static fatlib::Path PathOf(const Node* node);
+  /// How many of a directory and those above it are of a name, in any case.
+  static std::size_t CountAbove(const Node* directory, const std::u16string& name);
 
  private:
   struct Key {

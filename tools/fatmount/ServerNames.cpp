@@ -47,7 +47,10 @@ int Server::Lookup(fuse_req_t request, NodeId parent, const char* name) {
   if (units.size() > fatlib::Path::MAX_NAME_UNITS) return ENAMETOOLONG;
   fatlib::Entry entry;
   if (const std::error_code error = m_pVolume->Stat(Nodes::PathOf(directory) / units, &entry)) return ErrnoOf(error);
-  if (units != entry.name && IsChangingCase(fuse_req_ctx(request)->pid, name)) return ENOENT;
+  if (units != entry.name) {
+    const std::size_t passed = entry.IsDirectory() ? Nodes::CountAbove(directory, units) : ALL;
+    if (IsChangingCase(fuse_req_ctx(request)->pid, name, passed)) return ENOENT;
+  }
   Node* node;
   const fuse_entry_param answer = Tell(directory, entry, units, &node);
   if (fuse_reply_entry(request, &answer) != 0) m_Nodes.Forget(node->id, 1);
