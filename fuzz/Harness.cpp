@@ -436,9 +436,9 @@ void CMedium::Put32(std::uint32_t offset, std::uint32_t value) {
 
 // ---------------------------------------------------------------------------------------------- CTimedRun
 
-CTimedRun::CTimedRun() {
+CTimedRun::CTimedRun(unsigned int parts) {
   s_Started = ProcessorSeconds();
-  LimitTime(s_Seconds);
+  LimitTime(s_Seconds * parts);
 }
 
 CTimedRun::~CTimedRun() { LimitTime(0); }

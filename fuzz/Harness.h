@@ -23,7 +23,8 @@
 /// Ends the program when the run that it is part of takes too long.
 class CTimedRun {
  public:
-  CTimedRun();
+  /// @param parts  how many times the limit of a run it may take
+  explicit CTimedRun(unsigned int parts = 1);
   ~CTimedRun();
   CTimedRun(const CTimedRun&) = delete;
   CTimedRun& operator=(const CTimedRun&) = delete;
