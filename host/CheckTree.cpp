@@ -282,7 +282,7 @@ void TreeCheck::CompareLabels() {
   if (m_pMedium->Base()->Read(0, &boot, sizeof boot) || !HasLabel(IdentityOf(boot))) return;
   std::string label = m_RootLabel.value_or(std::string());
   label.erase(label.find_last_not_of(' ') + 1);
-  if (!label.empty() && label[0] == '\xE5') label[0] = 0x05;  // as it is stored
+  if (!label.empty() && label[0] == '\xE5') label[0] = STORED_E5;
   if (label != m_Geometry.bootLabel) m_Defects.Add(Defect::LabelsDiffer, std::string());
 }
 

@@ -11,7 +11,6 @@ namespace fatlib {
 namespace {
 
 constexpr std::uint32_t BLOCK = 256 * 1024;  // the library's count of bytes is exact for what lies in one
-constexpr std::uint8_t SETTABLE = READ_ONLY | HIDDEN | SYSTEM | ARCHIVE;
 
 /// Bytes from `offset` on that lie in one block.
 std::uint32_t PieceAt(std::uint64_t offset, std::uint64_t left) {
@@ -198,7 +197,8 @@ std::error_code ResizeFile(VolumeState* state, FileNode* file, std::uint64_t siz
 
 std::error_code StoreAttributes(VolumeState* state, EntryNode* entry, std::uint8_t attributes) {
   // The others say what the entry is.
-  const std::uint8_t stored = static_cast<std::uint8_t>((entry->raw.attributes & ~SETTABLE) | (attributes & SETTABLE));
+  const std::uint8_t stored =
+      static_cast<std::uint8_t>((entry->raw.attributes & ~SETTABLE_ATTRIBUTES) | (attributes & SETTABLE_ATTRIBUTES));
   if (stored == entry->raw.attributes) return {};
   std::shared_ptr<FileNode> file = OpenNode(entry);
   if (const std::error_code error = NeedHandle(state, file.get())) return error;

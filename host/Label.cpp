@@ -59,7 +59,7 @@ std::error_code EncodeLabel(std::u16string_view label, ShortName11* bytes) {
       if (!ToCodePage437(unit, &out[i])) return Status::InvalidName;
     }
     if (out == none) return Status::InvalidName;
-    if (out[0] == 0xE5) out[0] = 0x05;  // E5 would make the root's entry a deleted one
+    if (out[0] == 0xE5) out[0] = STORED_E5;
   }
   *bytes = out;
   return {};

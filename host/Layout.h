@@ -32,6 +32,8 @@ struct Le32 {
 
 /// A short name, or a label: 11 bytes padded with spaces.
 using ShortName11 = std::array<std::uint8_t, 11>;
+/// Stands for a first byte E5, which would mark a deleted entry.
+inline constexpr std::uint8_t STORED_E5 = 0x05;
 inline constexpr ShortName11 DOT_NAME = {'.', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
 inline constexpr ShortName11 DOT_DOT_NAME = {'.', '.', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
 

@@ -29,7 +29,7 @@ std::uint8_t ShortNameChecksum(const ShortName11& name) {
 bool IsShortName(const ShortName11& name) {
   if (name == DOT_NAME || name == DOT_DOT_NAME) return true;
   if (name[0] == ' ') return false;
-  const std::uint8_t first = name[0] == 0x05 ? 0xE5 : name[0];
+  const std::uint8_t first = name[0] == STORED_E5 ? 0xE5 : name[0];
   return IsShortNameByte(first) && std::all_of(name.begin() + 1, name.end(), IsShortNameByte);
 }
 

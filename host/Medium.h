@@ -64,6 +64,8 @@ struct Geometry {
   }
   /// Entries of a directory that a cluster holds.
   std::uint32_t SlotsPerCluster() const { return bytesPerCluster / SLOT_BYTES; }
+  /// Whether an unmount overwrites what lies behind the only FAT, or other systems see the volume as of another type.
+  bool IsHarmedByWriting() const { return fats == 1 || ambiguous; }
   std::string TypeText() const { return "FAT" + std::to_string(static_cast<int>(type)); }  ///< "FAT16"
 };
 
@@ -75,6 +77,9 @@ enum Attribute : std::uint8_t {
   DIRECTORY = 0x10,
   ARCHIVE = 0x20,
 };
+
+/// The attributes that a host can choose; the others say what an entry is.
+inline constexpr std::uint8_t SETTABLE_ATTRIBUTES = READ_ONLY | HIDDEN | SYSTEM | ARCHIVE;
 
 /// One entry of a directory as it lies on the medium.
 struct RawEntry {

@@ -164,7 +164,7 @@ void Parser::TakeShort(bool complete) {
   const ShortEntry& stored = m_pReader->Entry();
   RawEntry entry;
   std::copy(stored.name.begin(), stored.name.end(), entry.shortName.begin());
-  if (entry.shortName[0] == 0x05) entry.shortName[0] = SlotReader::DELETED;
+  if (entry.shortName[0] == STORED_E5) entry.shortName[0] = SlotReader::DELETED;
   entry.caseFlags = stored.caseFlags;
   entry.attributes = stored.attributes;
   entry.size = stored.size.Load();

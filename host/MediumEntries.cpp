@@ -17,7 +17,6 @@ namespace {
 constexpr std::uint32_t SLOT_BYTES = Geometry::SLOT_BYTES;
 constexpr std::uint64_t MAX_STRETCH_BYTES = 65536;
 constexpr std::uint64_t MAX_GAP_BYTES = 4096;  // reading and writing so much more is cheaper than another transfer
-constexpr std::uint8_t STORED_E5 = 0x05;       // in place of a first byte that would mark a deleted entry
 
 /// One slot that is to be changed.
 struct SlotPlace {

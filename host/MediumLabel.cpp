@@ -45,7 +45,7 @@ std::error_code Medium::Label(std::u16string* label) {
   if (const std::vector<RawEntry> labels = LabelsOf(std::move(entries)); !labels.empty()) {
     bytes.assign(labels[0].shortName.begin(), labels[0].shortName.end());
   }
-  if (!bytes.empty() && bytes[0] == 0x05) bytes[0] = static_cast<char>(SlotReader::DELETED);
+  if (!bytes.empty() && bytes[0] == STORED_E5) bytes[0] = static_cast<char>(SlotReader::DELETED);
   *label = Decode(bytes);
   return {};
 }

@@ -12,8 +12,6 @@ namespace fatlib {
 
 namespace {
 
-constexpr std::uint8_t SETTABLE = READ_ONLY | HIDDEN | SYSTEM | ARCHIVE;
-
 Entry Shown(VolumeState* state, EntryNode* node) {
   Entry entry;
   entry.name = node->raw.name;
@@ -186,7 +184,7 @@ std::error_code Volume::OpenFile(const Path& path, Access access, File* file) {
 std::error_code Volume::CreateFile(const Path& path, std::uint32_t size, File::Fill fill, std::uint8_t attributes,
                                    File* file) {
   if (m_pState == nullptr) return Status::Refused;
-  if ((attributes & ~SETTABLE) != 0) return Status::InvalidParameter;
+  if ((attributes & ~SETTABLE_ATTRIBUTES) != 0) return Status::InvalidParameter;
   VolumeState* const state = m_pState.get();
   if (const std::error_code error = state->BeginChange()) return error;
   DirectoryNode* parent;
@@ -208,7 +206,7 @@ std::error_code Volume::CreateFile(const Path& path, std::uint32_t size, File::F
 
 std::error_code Volume::CreateDirectory(const Path& path, std::uint8_t attributes) {
   if (m_pState == nullptr) return Status::Refused;
-  if ((attributes & ~SETTABLE) != 0) return Status::InvalidParameter;
+  if ((attributes & ~SETTABLE_ATTRIBUTES) != 0) return Status::InvalidParameter;
   if (const std::error_code error = m_pState->BeginChange()) return error;
   DirectoryNode* parent;
   if (const std::error_code error = FindNewPlace(m_pState.get(), path, &parent)) return error;
@@ -264,7 +262,7 @@ std::error_code Volume::Rename(const Path& from, const Path& to, bool replace) {
 
 std::error_code Volume::SetAttributes(const Path& path, std::uint8_t attributes) {
   if (m_pState == nullptr) return Status::Refused;
-  if ((attributes & ~SETTABLE) != 0) return Status::InvalidParameter;
+  if ((attributes & ~SETTABLE_ATTRIBUTES) != 0) return Status::InvalidParameter;
   EntryNode* node;
   if (const std::error_code error = FindToChange(m_pState.get(), path, &node)) return error;
   return StoreAttributes(m_pState.get(), node, attributes);

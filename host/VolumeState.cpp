@@ -48,7 +48,7 @@ VolumeState::~VolumeState() { (void)Close(); }
 std::error_code VolumeState::Open(std::unique_ptr<Device> device) {
   m_pDevice = std::move(device);
   std::error_code error = m_Medium.Open(m_pDevice.get());
-  if (!error && IsWritable() && !m_Options.force && (Layout().fats == 1 || Layout().ambiguous)) {
+  if (!error && IsWritable() && !m_Options.force && Layout().IsHarmedByWriting()) {
     error = Status::UnsafeVolume;
   }
   if (error) {

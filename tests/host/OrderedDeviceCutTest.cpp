@@ -5,12 +5,12 @@
 ///
 /// FATLIB_SEED sets the seed, FATLIB_STEPS the length, FATLIB_FIGURES=1 prints how many cuts were looked at.
 
-#include <cstdlib>
 #include <iostream>
 #include <random>
 #include <set>
 
 #include "OrderedDeviceFixture.h"
+#include "support/Environment.h"
 
 using fatlib::Access;
 using fatlib::Defect;
@@ -18,11 +18,6 @@ using fatlib::OrderedDevice;
 using fatlib::Path;
 
 namespace {
-
-unsigned int FromEnvironment(const char* name, unsigned int otherwise) {
-  const char* const value = std::getenv(name);
-  return value == nullptr ? otherwise : static_cast<unsigned int>(std::strtoul(value, nullptr, 10));
-}
 
 struct SCENE {
   const char* name;

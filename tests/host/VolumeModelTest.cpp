@@ -4,12 +4,12 @@
 ///
 /// FATLIB_SEED sets the seed, FATLIB_STEPS the length.
 
-#include <cstdlib>
 #include <iostream>
 #include <random>
 
 #include "VolumeFixture.h"
 #include "VolumeModel.h"
+#include "support/Environment.h"
 #include "support/VolumeReader.h"
 
 using fatlib::Access;
@@ -17,11 +17,6 @@ using fatlib::Path;
 using fatlib::Status;
 
 namespace {
-
-unsigned int FromEnvironment(const char* name, unsigned int otherwise) {
-  const char* const value = std::getenv(name);
-  return value == nullptr ? otherwise : static_cast<unsigned int>(std::strtoul(value, nullptr, 10));
-}
 
 struct SCENE {
   const char* name;

@@ -11,9 +11,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "model/ModelRun.h"
+#include "support/Environment.h"
 
 namespace {
 
@@ -25,11 +24,6 @@ constexpr unsigned int DEFAULT_SEEDS = 18;
 constexpr unsigned int DEFAULT_OPERATIONS = 700;
 #endif
 constexpr unsigned int MAX_TRIES = 1500;
-
-unsigned int FromEnvironment(const char* name, unsigned int otherwise) {
-  const char* value = std::getenv(name);
-  return value == nullptr ? otherwise : static_cast<unsigned int>(std::strtoul(value, nullptr, 10));
-}
 
 MODEL_VOLUME MadeByMkfs(const char* name, std::vector<std::string> arguments, unsigned int kib, BACKEND backend,
                         unsigned int maxFileBytes = 40000) {

@@ -56,8 +56,7 @@ void FillSize(const fatlib::Geometry& layout, std::uint64_t size, struct stat* a
 }
 
 std::uint8_t WithMode(std::uint8_t attributes, mode_t mode) {
-  constexpr unsigned int SETTABLE = fatlib::READ_ONLY | fatlib::HIDDEN | fatlib::SYSTEM | fatlib::ARCHIVE;
-  const unsigned int others = attributes & SETTABLE & ~static_cast<unsigned int>(fatlib::READ_ONLY);
+  const unsigned int others = attributes & fatlib::SETTABLE_ATTRIBUTES & ~static_cast<unsigned int>(fatlib::READ_ONLY);
   return static_cast<std::uint8_t>((mode & S_IWUSR) != 0 ? others : others | fatlib::READ_ONLY);
 }
 

@@ -91,7 +91,7 @@ std::unique_ptr<Device> OpenForChanges(const fatimg::Operand& image, fatimg::Ses
   fatlib::Medium medium;
   const std::error_code error = medium.Open(device.get());
   if (error) return device;  // that there is no volume is said where it is opened
-  if (medium.Layout().fats == 1 || medium.Layout().ambiguous) {
+  if (medium.Layout().IsHarmedByWriting()) {
     message(name + ": " + std::error_code(fatlib::Status::UnsafeVolume).message() + ": it is mounted for reading only");
     return nullptr;
   }
