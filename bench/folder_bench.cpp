@@ -52,6 +52,7 @@ void WriteLarge(const std::string& path, std::size_t requests) {
   for (std::size_t i = 0; i < requests; ++i) {
     Check(write(file, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()), path);
   }
+  Check(fsync(file) == 0, path);
   close(file);
 }
 

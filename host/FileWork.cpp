@@ -12,6 +12,10 @@ namespace {
 
 constexpr std::uint32_t BLOCK = 256 * 1024;  // the library's count of bytes is exact for what lies in one
 
+// So much is read from the device without a copy in the library's cache: it would only push others out. Less is mostly
+// followed by what lies behind it, which the cache then has.
+constexpr std::uint64_t DIRECT_BYTES = 64 * 1024;
+
 /// Bytes from `offset` on that lie in one block.
 std::uint32_t PieceAt(std::uint64_t offset, std::uint64_t left) {
   return static_cast<std::uint32_t>(std::min<std::uint64_t>(left, BLOCK - offset % BLOCK));
@@ -118,7 +122,7 @@ std::error_code ReadFile(VolumeState* state, FileNode* file, std::uint64_t offse
   if (entry == nullptr) return Status::NotFound;
   if (offset >= entry->raw.size || size == 0) return {};
   const std::uint64_t wanted = std::min<std::uint64_t>(size, entry->raw.size - offset);
-  if (!entry->IsReachable()) {
+  if (!entry->IsReachable() || (wanted >= DIRECT_BYTES && !entry->ahead)) {
     return state->Bytes()->ReadFile(entry->raw, offset, buffer, ToSize(wanted), done);
   }
   if (const std::error_code error = NeedHandle(state, file)) return error;

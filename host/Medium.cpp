@@ -152,13 +152,22 @@ const FollowedChain& Medium::State::Follow(Medium* medium, std::uint32_t first, 
 
 // ---------------------------------------------------------------------------------------------- files
 
+const FollowedChain& Medium::State::FollowFile(Medium* medium, std::uint32_t first) {
+  for (const FollowedChain& chain : files) {
+    if (chain.valid && chain.first == first) return chain;
+  }
+  FollowedChain& oldest = files[oldestFile];
+  oldestFile = (oldestFile + 1) % files.size();
+  return Follow(medium, first, &oldest);
+}
+
 std::error_code Medium::ReadFile(const RawEntry& entry, std::uint64_t offset, void* buffer, std::size_t size,
                                  std::size_t* done) {
   *done = 0;
   if (offset >= entry.size || size == 0) return {};
   size = ToSize(std::min<std::uint64_t>(size, entry.size - offset));
   const Geometry& geometry = m_pState->geometry;
-  const FollowedChain& chain = m_pState->Follow(this, entry.firstCluster, &m_pState->file);
+  const FollowedChain& chain = m_pState->FollowFile(this, entry.firstCluster);
   auto* out = static_cast<unsigned char*>(buffer);
   while (size != 0) {
     const auto index = static_cast<std::uint32_t>(offset / geometry.bytesPerCluster);

@@ -4,6 +4,8 @@
 #ifndef FATLIB_MEDIUMSTATE_H
 #define FATLIB_MEDIUMSTATE_H
 
+#include <array>
+
 #include "ClusterMap.h"
 #include "FatCache.h"
 #include "Medium.h"
@@ -25,18 +27,24 @@ struct Medium::State {
   Device* pDevice;
   Geometry geometry;
   FatCache fat;
-  FollowedChain file;
+  std::array<FollowedChain, 8> files;  // that are read at the same time
+  std::size_t oldestFile = 0;
   FollowedChain directory;
 
   bool HasFixedRoot() const { return geometry.type != FatType::Fat32; }
   std::uint32_t FixedRootSlots() const;
   /// The chain of a directory that is not a fixed root, or of a file.
   static const FollowedChain& Follow(Medium* medium, std::uint32_t first, FollowedChain* chain);
+  /// The chain of a file.
+  const FollowedChain& FollowFile(Medium* medium, std::uint32_t first);
   /// The chain of a directory; that of a fixed root has no cluster.
   const FollowedChain& FollowDirectory(Medium* medium, DirectoryPlace place);
   /// How many slots a directory has.
   std::uint32_t SlotsOf(Medium* medium, DirectoryPlace place);
-  void ForgetChains() { file.valid = directory.valid = false; }
+  void ForgetChains() {
+    for (FollowedChain& file : files) file.valid = false;
+    directory.valid = false;
+  }
 };
 
 }  // namespace fatlib

@@ -47,6 +47,86 @@ TEST(File, ReadOverManyBlocks_GivesEveryByte) {
   }
 }
 
+// The library reads whole blocks of 256 KiB.
+TEST(File, LargeReadOfAnUnchangedFile_ReadsFromTheDeviceWhatIsAskedForAndNoMore) {
+  CTestVolume test({32, 64 * MIB, 512, 0});
+  const std::string text = Pattern(600000);
+  ASSERT_FALSE(test.Write("/F", text));
+  test.Reopen();
+  File file = Opened(&test, "/F");
+  EXPECT_EQ(ReadAt(&file, 0, 65536), text.substr(0, 65536));  // also the directory and the FAT
+  const std::uint64_t before = test.medium->bytesRead;
+  EXPECT_EQ(ReadAt(&file, 100001, 131072), text.substr(100001, 131072));
+  EXPECT_EQ(ReadAt(&file, 500000, 131072), text.substr(500000));
+  EXPECT_EQ(test.medium->bytesRead - before, 131072u + 100000u);
+  EXPECT_EQ(ReadAt(&file, 100001, 65535), text.substr(100001, 65535));
+  EXPECT_GE(test.medium->bytesRead - before, 131072u + 100000u + 262144u);
+}
+
+TEST(File, LargeReadBetweenChanges_GivesWhatWasWrittenLast) {
+  CTestVolume test({16, 16 * MIB, 2048, 0});
+  std::string text = Pattern(300000);
+  ASSERT_FALSE(test.Write("/F", text));
+  ASSERT_FALSE(test.volume.Sync());
+  File file = Opened(&test, "/F");
+  const auto change = [&](std::size_t at, const std::string& bytes) {
+    EXPECT_FALSE(file.Write(at, bytes.data(), bytes.size()));
+    text.resize(std::max(text.size(), at + bytes.size()));
+    text.replace(at, bytes.size(), bytes);
+  };
+  const auto resize = [&](std::size_t size) {
+    EXPECT_FALSE(file.Resize(size));
+    text.resize(size);
+  };
+  for (int round = 0; round < 4; ++round) {
+    const auto expectRead = [&](const char* when) { EXPECT_TRUE(ReadAt(&file, 0, MIB) == text) << round << when; };
+    expectRead("unchanged");
+    change(static_cast<std::size_t>(round) * 70000, "changed in round " + std::to_string(round));
+    expectRead("overwritten");
+    resize(200000 - static_cast<std::size_t>(round) * 10000);
+    ASSERT_FALSE(test.Write("/OTHER" + std::to_string(round), Pattern(50000)));  // takes what was given up
+    expectRead("cut");
+    resize(300000);
+    expectRead("grown");
+    change(350000, "behind the end");
+    expectRead("written behind the end");
+    ASSERT_FALSE(test.volume.Sync());
+  }
+  test.CloseAndCheck();
+}
+
+TEST(File, LargeReadOfWhatTookTheClustersOfAnother_GivesItsOwnBytes) {
+  CTestVolume test({12, 4 * MIB, 2048, 0});
+  for (int round = 0; round < 3; ++round) {
+    const std::string text = Pattern(3000000 - static_cast<std::size_t>(round) * 100000);  // most of the volume
+    ASSERT_FALSE(test.Write("/F", text));
+    ASSERT_FALSE(test.volume.Sync());
+    File file = Opened(&test, "/F");
+    EXPECT_TRUE(ReadAt(&file, 0, text.size()) == text) << round;
+    file.Close();
+    ASSERT_FALSE(test.volume.Remove("/F"));
+  }
+}
+
+TEST(File, LargeReadThatFails_TellsHowMuchWasRead) {
+  CTestVolume test({16, 16 * MIB, 2048, 0});
+  ASSERT_FALSE(test.Write("/F", Pattern(100000)));
+  ASSERT_FALSE(test.Write("/G", Pattern(2048)));
+  File growing = Opened(&test, "/F");
+  ASSERT_FALSE(growing.Write(100000, Pattern(100000).data(), 100000));  // behind /G
+  growing.Close();
+  test.Reopen();
+  File file = Opened(&test, "/F");
+  EXPECT_EQ(ReadAt(&file, 0, 200000).size(), 200000u);
+  std::string bytes(200000, 0);
+  std::size_t done = 0;
+  test.medium->FailAfter(2, false);
+  EXPECT_EQ(file.Read(0, bytes.data(), bytes.size(), &done), Status::IoError);
+  EXPECT_EQ(done, 100352u);  // 49 clusters lie together
+  test.medium->Heal();
+  EXPECT_EQ(ReadAt(&file, 0, 200000).size(), 200000u);
+}
+
 TEST(File, ReadAtAndBehindTheEnd_GivesWhatIsThere) {
   CTestVolume test;
   ASSERT_FALSE(test.Write("/F", "abcdef"));

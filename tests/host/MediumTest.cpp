@@ -386,6 +386,25 @@ TEST(Medium, FragmentedFileReadsInAnyPieces) {
   }
 }
 
+TEST(Medium, ManyFilesReadInTurnsGiveTheirOwnBytes) {
+  constexpr std::uint32_t FILES = 20;
+  CBuilt built(16);
+  std::vector<BYTES> contents;
+  for (std::uint32_t i = 0; i < FILES; ++i) {
+    contents.push_back(CImageBuilder::Pattern(1500, i + 1));
+    built.Builder.AddFile(CImageBuilder::Root(), "FILE" + std::to_string(i), contents.back(), {10 + i, 50 + i, 90 + i});
+  }
+  Medium& medium = built.Open();
+  for (std::size_t offset = 0; offset < 1500; offset += 300) {
+    for (std::uint32_t i = 0; i < FILES; ++i) {
+      BYTES bytes(300);
+      std::size_t done = 0;
+      ASSERT_FALSE(medium.ReadFile(FileOf(10 + i, 1500), offset, bytes.data(), bytes.size(), &done));
+      ASSERT_TRUE(std::equal(bytes.begin(), bytes.end(), contents[i].begin() + static_cast<std::ptrdiff_t>(offset)));
+    }
+  }
+}
+
 TEST(Medium, ReadingBehindTheEndGivesNothing) {
   CBuilt built(16);
   built.Builder.SetChain({10});

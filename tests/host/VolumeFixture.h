@@ -22,6 +22,7 @@ struct TEST_MEDIUM {
   std::vector<unsigned char> bytes;
   fatlib::Access mode = fatlib::Access::ReadWrite;
   std::uint64_t reads = 0;
+  std::uint64_t bytesRead = 0;
   std::uint64_t writes = 0;
   std::uint64_t flushes = 0;
   std::uint64_t failAt = 0;  ///< the transfer, counted from 1 and from reads and writes together; 0: none
@@ -56,6 +57,7 @@ class CTestDevice final : public fatlib::Device {
 
   std::error_code Read(std::uint64_t position, void* buffer, std::size_t size) override {
     ++m_pMedium->reads;
+    m_pMedium->bytesRead += size;
     if (m_pMedium->Fails()) return fatlib::Status::IoError;
     const std::size_t end = m_pMedium->bytes.size();
     const std::size_t start = position < end ? ToSize(position) : end;

@@ -16,6 +16,7 @@
 #include "Attributes.h"
 #include "Nodes.h"
 #include "Notifier.h"
+#include "PageBuffer.h"
 #include "Stats.h"
 #include "WriteBack.h"
 
@@ -88,8 +89,8 @@ class Server {
   void EntriesChanged(Node* directory);
   void ForgetOtherSpelling(const Node* node, const std::u16string& used);
   int FillListing(Node* node, Listing* listing);
-  std::size_t AddEntry(fuse_req_t request, Node* directory, Listing* listing, std::size_t index, std::size_t used,
-                       std::size_t size, bool plus);
+  std::size_t AddEntry(fuse_req_t request, Node* directory, Listing* listing, std::size_t index, char* at,
+                       std::size_t room, bool plus);
   int Changed() { return ErrnoOf(m_pWriteBack->Changed()); }
 
   fatlib::Volume* m_pVolume;
@@ -98,7 +99,7 @@ class Server {
   Notifier* m_pNotifier;
   Stats* m_pStats;
   Nodes m_Nodes;
-  std::vector<char> m_Buffer;  // of the answer that is being made
+  PageBuffer m_Buffer;  // of the answer that is being made
 };
 
 }  // namespace fatmount

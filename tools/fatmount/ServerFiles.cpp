@@ -53,14 +53,14 @@ int Server::Read(fuse_req_t request, NodeId id, std::size_t size, off_t offset) 
   Node* node;
   if (const int error = Use(id, &node)) return error;
   if (const int error = OpenFile(node)) return error;
-  if (m_Buffer.size() < size) m_Buffer.resize(size);
+  char* const bytes = m_Buffer.Get(size);
   const std::uint64_t from = static_cast<std::uint64_t>(offset);
   std::size_t done = 0;
-  const std::error_code error = node->orphan != nullptr ? node->orphan->Read(from, m_Buffer.data(), size, &done)
-                                                        : node->file.Read(from, m_Buffer.data(), size, &done);
+  const std::error_code error = node->orphan != nullptr ? node->orphan->Read(from, bytes, size, &done)
+                                                        : node->file.Read(from, bytes, size, &done);
   if (error && done == 0) return ErrnoOf(error);
   m_pStats->bytesRead += done;
-  (void)fuse_reply_buf(request, m_Buffer.data(), done);
+  (void)fuse_reply_buf(request, bytes, done);
   return 0;
 }
 

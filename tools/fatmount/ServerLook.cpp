@@ -171,12 +171,10 @@ int Server::FillListing(Node* node, Listing* listing) {
   return 0;
 }
 
-// Offsets count entries: "." is 0, ".." is 1, and then come the names. @return bytes, more than `size` when there is no
-// room
-std::size_t Server::AddEntry(fuse_req_t request, Node* directory, Listing* listing, std::size_t index, std::size_t used,
-                             std::size_t size, bool plus) {
-  char* const at = m_Buffer.data() + used;
-  const std::size_t room = size - used;
+// Offsets count entries: "." is 0, ".." is 1, and then come the names. @return bytes, more than `room` when there is
+// none
+std::size_t Server::AddEntry(fuse_req_t request, Node* directory, Listing* listing, std::size_t index, char* at,
+                             std::size_t room, bool plus) {
   const off_t next = static_cast<off_t>(index) + 1;
   fuse_entry_param answer{};
   if (index < 2) {
@@ -210,14 +208,14 @@ int Server::Readdir(fuse_req_t request, NodeId id, std::size_t size, off_t offse
   if (offset == 0 || !listing->filled) {
     if (const int error = FillListing(node, listing)) return error;
   }
-  if (m_Buffer.size() < size) m_Buffer.resize(size);
+  char* const answer = m_Buffer.Get(size);
   std::size_t used = 0;
   for (std::size_t index = static_cast<std::size_t>(offset); index < listing->names.size() + 2; ++index) {
-    const std::size_t bytes = AddEntry(request, node, listing, index, used, size, plus);
+    const std::size_t bytes = AddEntry(request, node, listing, index, answer + used, size - used, plus);
     if (bytes > size - used) break;
     used += bytes;
   }
-  (void)fuse_reply_buf(request, m_Buffer.data(), used);
+  (void)fuse_reply_buf(request, answer, used);
   return 0;
 }
 
