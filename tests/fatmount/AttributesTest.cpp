@@ -16,9 +16,15 @@ namespace fatmount_test {
 
 class AttributesOf : public Volume {
  protected:
-  AttributesOf() : Volume({"-o", "uid=1234,gid=567,umask=022,allow_other"}) {}
+  AttributesOf() : Volume({"-o", "umask=022"}) {}
 };
 FOR_ALL_TYPES(AttributesOf);
+
+class OwnedByAnother : public Volume {
+ protected:
+  OwnedByAnother() : Volume({"-o", "uid=1234,gid=567,umask=0"}) {}
+};
+FOR_ALL_TYPES(OwnedByAnother);
 
 TEST_P(AttributesOf, ModificationTime_IsKeptToTwoSeconds) {
   WriteFile(*this / "file", "");
@@ -111,17 +117,25 @@ TEST_P(AttributesOf, ModeThatFatCannotKeep_IsAcceptedAndForgotten) {
   EXPECT_EQ(0755u, StatOf(m_Folder).st_mode & 07777u);
 }
 
-TEST_P(AttributesOf, OwnerAndGroup_AreThoseOfTheMount) {
+TEST_P(AttributesOf, OwnerAndGroup_AreWhoMounted) {
+  WriteFile(*this / "file", "");
+  EXPECT_EQ(getuid(), StatOf(*this / "file").st_uid);
+  EXPECT_EQ(getgid(), StatOf(*this / "file").st_gid);
+  EXPECT_EQ(0, ErrnoOf(chown((*this / "file").c_str(), getuid(), getgid())));
+}
+
+TEST_P(OwnedByAnother, OwnerAndGroup_AreThoseOfTheOptions) {
   WriteFile(*this / "file", "");
   EXPECT_EQ(1234u, StatOf(*this / "file").st_uid);
   EXPECT_EQ(567u, StatOf(*this / "file").st_gid);
-  EXPECT_EQ(0, ErrnoOf(chown((*this / "file").c_str(), 1234, 567)));
+  EXPECT_EQ(1234u, StatOf(m_Folder).st_uid);
+  EXPECT_EQ(567u, StatOf(m_Folder).st_gid);
 }
 
 TEST_P(AttributesOf, AnotherOwner_IsNotPermitted) {
   WriteFile(*this / "file", "");
-  EXPECT_EQ(EPERM, ErrnoOf(chown((*this / "file").c_str(), 1, 567)));
-  EXPECT_EQ(EPERM, ErrnoOf(chown((*this / "file").c_str(), 1234, 1)));
+  EXPECT_EQ(EPERM, ErrnoOf(chown((*this / "file").c_str(), getuid() + 1, getgid())));
+  EXPECT_EQ(EPERM, ErrnoOf(chown((*this / "file").c_str(), getuid(), getgid() + 1)));
 }
 
 TEST_P(AttributesOf, ExtendedAttributes_AreNotSupported) {
@@ -172,38 +186,43 @@ TEST_P(AttributesOf, FullVolume_HasNoSpace) {
   EXPECT_EQ(0, ErrnoOf(mkdir((*this / "folder").c_str(), 0777)));
 }
 
-// What somebody who is not root may do: in a process of its own.
+// What somebody who is not root may do: whoever runs the tests, or another user where that is root.
 class OrdinaryUser : public Volume {
  protected:
-  OrdinaryUser() : Volume({"-o", "uid=1234,gid=567,umask=022,allow_other"}) { chmod(m_Directory.Path().c_str(), 0755); }
+  OrdinaryUser() : Volume(OptionsOf(User())) { chmod(m_Directory.Path().c_str(), 0755); }
 
-  /// @return the errno of opening a file for writing as that user
-  int OpenAs(uid_t user, const std::string& name) const {
+  static uid_t User() { return getuid() == 0 ? 1234 : getuid(); }
+  static std::vector<std::string> OptionsOf(uid_t owner) {
+    // Without the last one only root could look at what root has mounted.
+    return {"-o", "uid=" + std::to_string(owner) + ",umask=022" + (getuid() == 0 ? ",allow_other" : "")};
+  }
+
+  /// @return the errno of opening a file for writing as that user, in a process of its own
+  int OpenAsUser(const std::string& name) const {
     const pid_t child = fork();
     if (child == 0) {
-      if (getuid() == 0 && (setgid(567) != 0 || setuid(user) != 0)) _exit(255);
+      if (getuid() == 0 && (setgid(567) != 0 || setuid(User()) != 0)) _exit(255);
       _exit(open((*this / name).c_str(), O_WRONLY) >= 0 ? 0 : errno);
     }
     int status = 0;
     waitpid(child, &status, 0);
     return WEXITSTATUS(status);
   }
-  std::string operator/(const std::string& name) const { return m_Folder + "/" + name; }
 };
 FOR_ALL_TYPES(OrdinaryUser);
 
 TEST_P(OrdinaryUser, ReadOnlyFile_CannotBeWritten) {
-  if (getuid() != 0) return;  // only root can take the owner's place
   WriteFile(*this / "file", "bytes");
-  EXPECT_EQ(0, OpenAs(1234, "file"));
+  EXPECT_EQ(0, OpenAsUser("file"));
   ASSERT_EQ(0, chmod((*this / "file").c_str(), 0444));
-  EXPECT_EQ(EACCES, OpenAs(1234, "file"));
+  EXPECT_EQ(EACCES, OpenAsUser("file"));
 }
 
 TEST_P(OrdinaryUser, FileOfAnother_CannotBeWritten) {
-  if (getuid() != 0) return;
   WriteFile(*this / "file", "bytes");
-  EXPECT_EQ(EACCES, OpenAs(4321, "file"));
+  (void)Unmounted();
+  m_pMount = std::make_unique<Mount>(m_Image, m_Folder, OptionsOf(User() + 1));
+  EXPECT_EQ(EACCES, OpenAsUser("file"));
 }
 
 }  // namespace fatmount_test

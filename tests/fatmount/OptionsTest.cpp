@@ -146,9 +146,9 @@ TEST_F(OptionsOf, TwoReadOnlyMounts_ArePossible) {
 
 TEST_F(OptionsOf, Umask_TakesPermissionsAway) {
   MakeFat16();
-  const Mount mount(m_Image, m_Folder, {"-o", "umask=0137"});
+  const Mount mount(m_Image, m_Folder, {"-o", "umask=0027"});
   WriteFile(m_Folder + "/file", "");
-  EXPECT_EQ(0640u, StatOf(m_Folder + "/file").st_mode & 0777u);
+  EXPECT_EQ(0750u, StatOf(m_Folder + "/file").st_mode & 0777u);
 }
 
 TEST_F(OptionsOf, VolumeAtAnOffset_IsMounted) {
