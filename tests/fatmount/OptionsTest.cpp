@@ -9,10 +9,26 @@
 #include <algorithm>
 #include <cerrno>
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "Mounted.h"
 
 namespace fatmount_test {
+
+namespace {
+
+/// The options that the help text names: "-f", "--json-stats", "-o ro".
+std::vector<std::string> OptionsInHelp(const std::string& help) {
+  std::vector<std::string> options;
+  for (std::size_t at = help.find("\n    -"); at < help.find("and of libfuse"); at = help.find("\n    -", at + 1)) {
+    const bool mounting = help.compare(at + 5, 3, "-o ") == 0;
+    const std::size_t end = help.find_first_of("=[, \n", at + (mounting ? 8 : 7));
+    options.push_back(help.substr(at + 5, end - at - 5));
+  }
+  return options;
+}
+
+}  // namespace
 
 class OptionsOf : public Images {
  protected:
@@ -40,18 +56,30 @@ TEST_F(OptionsOf, Help_SaysHowItIsUsed) {
 }
 
 TEST_F(OptionsOf, Help_NamesWhatTheManualPageDescribes) {
-  const std::string help = Run({"-h"}).Output;
+  const std::vector<std::string> options = OptionsInHelp(Run({"-h"}).Output);
   const std::string page = ReadFile(FATMOUNT_SOURCE_DIR "/docs/man/fatmount.1");
-  int options = 0;
-  for (std::size_t at = help.find("\n    -"); at < help.find("and of libfuse"); at = help.find("\n    -", at + 1)) {
-    const bool mounting = help.compare(at + 5, 3, "-o ") == 0;
-    const std::size_t end = help.find_first_of("=[, \n", at + (mounting ? 8 : 7));
-    const std::string shown = help.substr(at + 5, end - at - 5);
-    const std::string described = mounting ? "Fl o Cm " + shown.substr(3) : "Fl " + shown.substr(1);
+  EXPECT_EQ(10u, options.size());
+  for (const std::string& option : options) {
+    const bool mounting = option.rfind("-o ", 0) == 0;
+    const std::string described = mounting ? "Fl o Cm " + option.substr(3) : "Fl " + option.substr(1);
     EXPECT_NE(std::string::npos, page.find(described)) << described;
-    ++options;
   }
-  EXPECT_EQ(10, options);
+}
+
+TEST_F(OptionsOf, Help_NamesWhatTheShellsComplete) {
+  const std::string folder = FATMOUNT_SOURCE_DIR "/tools/fatmount/completions/";
+  const std::string bash = ReadFile(folder + "fatmount.bash");
+  const std::string fish = ReadFile(folder + "fatmount.fish");
+  const std::string zsh = ReadFile(folder + "_fatmount");
+  for (const std::string& option : OptionsInHelp(Run({"-h"}).Output)) {
+    const bool mounting = option.rfind("-o ", 0) == 0;
+    const std::string name = option.substr(option.find_first_not_of("-", mounting ? 3 : 0));
+    const std::string inFish = mounting ? " " + name + "[= )]" : (option[1] == '-' ? "-l " : "-s ") + name + " ";
+    const std::string inZsh = mounting ? "'" + name + "\\[" : "['{]" + option + "[[,=]";
+    EXPECT_TRUE(std::regex_search(bash, std::regex("[ ']" + (mounting ? name : option) + "[= ']"))) << option;
+    EXPECT_TRUE(std::regex_search(fish, std::regex(inFish))) << option;
+    EXPECT_TRUE(std::regex_search(zsh, std::regex(inZsh))) << option;
+  }
 }
 
 TEST_F(OptionsOf, Version_IsSaid) {
