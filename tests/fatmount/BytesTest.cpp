@@ -13,6 +13,17 @@
 
 namespace fatmount_test {
 
+namespace {
+
+std::string ManyNumbers(std::size_t size) {
+  std::string bytes;
+  for (unsigned int i = 0; bytes.size() < size; ++i) bytes += std::to_string(i * 2654435761u);
+  bytes.resize(size);
+  return bytes;
+}
+
+}  // namespace
+
 class BytesOf : public Volume {};
 FOR_ALL_TYPES(BytesOf);
 
@@ -28,10 +39,35 @@ TEST_P(BytesOf, WrittenFile_IsOnTheImageAfterUnmount) {
 }
 
 TEST_P(BytesOf, LargeFile_IsReadBack) {
-  std::string bytes;
-  for (unsigned int i = 0; bytes.size() < 3000000; ++i) bytes += std::to_string(i * 2654435761u);
+  const std::string bytes = ManyNumbers(3000000);
   WriteFile(*this / "file", bytes);
   EXPECT_TRUE(bytes == ReadFile(*this / "file"));
+}
+
+// What the kernel has of it is thrown away before each look.
+TEST_P(BytesOf, LargeFile_IsReadBackFromTheImageAndFromWhatIsNotThereYet) {
+  std::string bytes = ManyNumbers(1500000);
+  WriteFile(*this / "file", bytes);
+  const Descriptor file(*this / "file", O_RDWR);
+  const auto expectRead = [&](const char* when) {
+    ASSERT_EQ(0, posix_fadvise(file.Get(), 0, 0, POSIX_FADV_DONTNEED));
+    EXPECT_TRUE(bytes == file.Read(0, bytes.size() + 1)) << when;
+  };
+  expectRead("written");
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_EQ(0, fsync(file.Get()));
+    expectRead("flushed");
+    bytes.replace(200000u * static_cast<unsigned int>(round), 100000, 100000, 'x');
+    ASSERT_TRUE(file.Write(200000 * round, std::string(100000, 'x')));
+    expectRead("overwritten");
+    bytes.resize(bytes.size() - 100000);
+    ASSERT_EQ(0, ftruncate(file.Get(), static_cast<off_t>(bytes.size())));
+    WriteFile(*this / ("other" + std::to_string(round)), std::string(60000, 'o'));  // takes what was given up
+    expectRead("cut");
+    bytes += ManyNumbers(70000);
+    ASSERT_TRUE(file.Write(static_cast<off_t>(bytes.size() - 70000), ManyNumbers(70000)));
+    expectRead("appended");
+  }
 }
 
 TEST_P(BytesOf, Append_WritesBehindTheEnd) {
