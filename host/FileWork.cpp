@@ -14,7 +14,7 @@ constexpr std::uint32_t BLOCK = 256 * 1024;  // the library's count of bytes is 
 
 // So much is read from the device without a copy in the library's cache: it would only push others out. Less is mostly
 // followed by what lies behind it, which the cache then has.
-constexpr std::uint64_t DIRECT_BYTES = 64 * 1024;
+constexpr std::uint64_t DIRECT_BYTES = std::uint64_t{64} * 1024;
 
 /// Bytes from `offset` on that lie in one block.
 std::uint32_t PieceAt(std::uint64_t offset, std::uint64_t left) {
