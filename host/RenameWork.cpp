@@ -17,12 +17,6 @@ bool IsCased(const std::u16string& name) {
   return FormOf(name, &ignored) == NameForm::Cased;
 }
 
-/// Whether the library, which gives a name that is the same but for case only by way of another, can give this one at
-/// once.
-bool CanBeGiven(const EntryNode* entry, const std::u16string& name) {
-  return IsCased(name) || !SameName(entry->LibraryName(), name);
-}
-
 /// Whether the library can move an entry under the name that it knows it by.
 bool CanBeMoved(const EntryNode* entry, const DirectoryNode& target) {
   if (target.HasShortName(entry->raw.shortName)) return false;
@@ -68,6 +62,12 @@ std::error_code ChangeName(VolumeState* state, EntryNode* entry, const std::u16s
   SlotPlan plan;
   if (const std::error_code error = state->Plan(directory->self, SlotsOfName(name), 0, &plan, entry)) return error;
   if (const std::error_code error = state->Use(entry, VolumeState::Lookup::Parent)) return error;
+  // A name that is the same but for case the library gives only by way of another. This is known only now: detaching
+  // puts the name itself in place of a stand-in.
+  if (SameName(entry->LibraryName(), naming.libraryName)) {
+    if (const std::error_code error = ChangeName(state, entry, UnusedName(*directory, *directory, name))) return error;
+    return entry->IsGone() ? Status::DiskCorrupt : ChangeName(state, entry, name);
+  }
   handles::CloseBelow(entry);
   const CLocaleScope locale;
   const std::uint64_t failures = state->Failures();
@@ -147,15 +147,12 @@ std::error_code RenameEntry(VolumeState* state, EntryNode* entry, DirectoryNode*
     if (const std::error_code error = RemoveEntry(state, inTheWay)) return error;
   }
   if (entry->IsGone() || parent->self->IsGone()) return Status::DiskCorrupt;
-  const bool direct = stays ? CanBeGiven(entry, name) : entry->raw.name == name && CanBeMoved(entry, *parent);
-  if (direct) return stays ? ChangeName(state, entry, name) : ChangeDirectory(state, entry, parent);
+  if (stays) return ChangeName(state, entry, name);
+  if (entry->raw.name == name && CanBeMoved(entry, *parent)) return ChangeDirectory(state, entry, parent);
   if (const std::error_code error = ChangeName(state, entry, UnusedName(*entry->parent, *parent, name))) return error;
   if (entry->IsGone() || parent->self->IsGone()) return Status::DiskCorrupt;
-  if (!stays) {
-    if (const std::error_code error = ChangeDirectory(state, entry, parent)) return error;
-    if (entry->IsGone()) return Status::DiskCorrupt;
-  }
-  return ChangeName(state, entry, name);
+  if (const std::error_code error = ChangeDirectory(state, entry, parent)) return error;
+  return entry->IsGone() ? Status::DiskCorrupt : ChangeName(state, entry, name);
 }
 
 }  // namespace fatlib

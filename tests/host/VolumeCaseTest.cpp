@@ -138,6 +138,30 @@ TEST(VolumeCase, CaseOnlyRename_IsKept) {
   test.CloseAndCheck();
 }
 
+// The library remembers the names that an entry had since it was mounted: some of these renames make it mount anew.
+TEST(VolumeCase, CaseOnlyRenamesInAnyOrder_AreKept) {
+  const std::vector<std::string> spellings = {"abc.d", "ABC.D", "Abc.d"};
+  CTestVolume test({12, MIB, 512, 64});
+  for (unsigned int order = 0; order < 3 * 3 * 3 * 3 * 3; ++order) {
+    std::string name = spellings[order % 3];
+    ASSERT_FALSE(Create(&test, "/" + name));
+    for (unsigned int rest = order / 3, i = 0; i < 4; ++i, rest /= 3) {
+      const std::string other = spellings[rest % 3];
+      const std::error_code error = test.volume.Rename("/" + name, "/" + other);
+      ASSERT_FALSE(error) << order << ": " << name << " to " << other << ": " << error.message();
+      ASSERT_EQ(test.Names("/"), other) << order;
+      name = other;
+    }
+    if (order % 2 == 0) {
+      ASSERT_FALSE(test.volume.Sync());
+    }
+    ASSERT_EQ(test.Names("/"), name) << order;
+    ASSERT_FALSE(test.volume.Remove("/" + name));
+  }
+  ASSERT_FALSE(Create(&test, "/abc.d"));
+  test.CloseAndCheck();
+}
+
 TEST(VolumeCase, CaseOnlyRename_OfANameStillToBeWritten_TakesNoTransfer) {
   CTestVolume test({12, MIB, 512, 16});
   for (unsigned int i = 0; i < 14; ++i) ASSERT_FALSE(Create(&test, "/F" + std::to_string(i)));
