@@ -3,7 +3,9 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/stat.h>
+#include <sys/sysinfo.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -177,6 +179,38 @@ TEST_P(NamesOf, CaseChangedToHowADirectoryAboveIsSpelled_IsListedSo) {
   ASSERT_EQ(0, Rename("Name/NAME", "name/name"));
   EXPECT_EQ((Names{".", "..", "name"}), ListOf(*this / "Name"));
 }
+// There fatmount has the request before the thread that sent it has gone to sleep.
+TEST_P(NamesOf, CaseChangedFromAnotherProcessor_IsListedSo) {
+  cpu_set_t before;
+  ASSERT_EQ(0, sched_getaffinity(0, sizeof before, &before));
+  const int processors = get_nprocs();
+  for (const auto& [process, processor] : {std::pair{m_pMount->Process(), 0}, std::pair{pid_t{0}, processors - 1}}) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<std::size_t>(processor), &one);
+    (void)sched_setaffinity(process, sizeof one, &one);  // where it cannot be chosen, it is as it comes
+  }
+  std::string name = "a name longer than eight";
+  WriteFile(*this / name, "");
+  for (int i = 0; i < 2000; ++i) {
+    const std::string other = i % 2 == 0 ? "A NAME longer than EIGHT" : "a name longer than eight";
+    ASSERT_EQ(0, rename((*this / name).c_str(), (*this / other).c_str()));
+    ASSERT_EQ((Names{".", "..", other}), ListOf(m_Folder)) << i;
+    name = other;
+  }
+  (void)sched_setaffinity(0, sizeof before, &before);
+}
+
+TEST_P(NamesOf, CaseOfANewFileChangedManyTimes_IsListedSo) {
+  WriteFile(*this / "abc", "");
+  std::string name = "abc";
+  for (const char* const other : {"ABC", "abc", "ABC", "Abc", "ABC", "abc"}) {
+    ASSERT_EQ(0, rename((*this / name).c_str(), (*this / other).c_str())) << name << " to " << other;
+    EXPECT_EQ((Names{".", "..", other}), ListOf(m_Folder));
+    name = other;
+  }
+}
+
 TEST_P(NamesOf, CaseOfADirectoryChanged_IsListedSo) {
   ASSERT_EQ(0, Mkdir("folder"));
   WriteFile(*this / "folder/file", "bytes");

@@ -6,11 +6,13 @@
 #include <sys/syscall.h>
 #include <sys/uio.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
 namespace fatmount {
 
@@ -18,6 +20,7 @@ namespace {
 
 constexpr std::size_t PAGE = 4096;
 constexpr std::size_t LONGEST_PATH = 4096;  // of a system call
+constexpr std::chrono::milliseconds LONGEST_PAUSE{500};
 
 /// A system call as /proc shows it.
 struct Arguments {
@@ -25,17 +28,29 @@ struct Arguments {
   std::uint64_t value[4] = {};
 };
 
+bool ReadLine(const char* path, char* line, int size) {
+  std::FILE* const file = std::fopen(path, "re");
+  if (file == nullptr) return false;
+  const bool read = std::fgets(line, size, file) != nullptr;
+  std::fclose(file);
+  return read;
+}
+
+// A thread sends its request and goes to sleep then. Until it does, its call is not shown; on a busy machine others may
+// come first.
 bool ReadArguments(pid_t thread, Arguments* arguments) {
   char path[64];
   std::snprintf(path, sizeof path, "/proc/%d/syscall", thread);
-  std::FILE* const file = std::fopen(path, "re");
-  if (file == nullptr) return false;
-  char line[256] = {};
-  const bool read = std::fgets(line, sizeof line, file) != nullptr;
-  std::fclose(file);
+  char line[256];
+  for (std::chrono::microseconds pause{20};; pause *= 2) {
+    if (!ReadLine(path, line, sizeof line)) return false;
+    if (std::strncmp(line, "running", 7) != 0) break;
+    if (pause > LONGEST_PAUSE) return false;
+    std::this_thread::sleep_for(pause);
+  }
   char* end = line;
   arguments->number = std::strtol(line, &end, 10);
-  if (!read || end == line) return false;  // as of a thread that runs
+  if (end == line) return false;
   for (std::uint64_t& value : arguments->value) value = std::strtoull(end, &end, 16);
   return true;
 }
