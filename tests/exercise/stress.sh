@@ -31,8 +31,8 @@ scene_stress-ng() {
     # The smallest file it copies has 128 MiB.
     [[ $stressor != copy-file* || $type = fat32 ]] || continue
     status=0
-    # shellcheck disable=SC2086 # words of the arguments
     # One of them leaves files where it was started.
+    # shellcheck disable=SC2086 # words of the arguments
     (cd "$work" && exec stress-ng --quiet --verify --temp-path "$folder/stress" --timeout "$seconds" --$stressor) \
       >"$work/stress" 2>&1 || status=$?
     cat "$work/stress"

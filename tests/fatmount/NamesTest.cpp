@@ -179,6 +179,7 @@ TEST_P(NamesOf, CaseChangedToHowADirectoryAboveIsSpelled_IsListedSo) {
   ASSERT_EQ(0, Rename("Name/NAME", "name/name"));
   EXPECT_EQ((Names{".", "..", "name"}), ListOf(*this / "Name"));
 }
+
 // There fatmount has the request before the thread that sent it has gone to sleep.
 TEST_P(NamesOf, CaseChangedFromAnotherProcessor_IsListedSo) {
   cpu_set_t before;
@@ -194,7 +195,7 @@ TEST_P(NamesOf, CaseChangedFromAnotherProcessor_IsListedSo) {
   WriteFile(*this / name, "");
   for (int i = 0; i < 2000; ++i) {
     const std::string other = i % 2 == 0 ? "A NAME longer than EIGHT" : "a name longer than eight";
-    ASSERT_EQ(0, rename((*this / name).c_str(), (*this / other).c_str()));
+    ASSERT_EQ(0, Rename(name, other));
     ASSERT_EQ((Names{".", "..", other}), ListOf(m_Folder)) << i;
     name = other;
   }
@@ -205,7 +206,7 @@ TEST_P(NamesOf, CaseOfANewFileChangedManyTimes_IsListedSo) {
   WriteFile(*this / "abc", "");
   std::string name = "abc";
   for (const char* const other : {"ABC", "abc", "ABC", "Abc", "ABC", "abc"}) {
-    ASSERT_EQ(0, rename((*this / name).c_str(), (*this / other).c_str())) << name << " to " << other;
+    ASSERT_EQ(0, Rename(name, other)) << name << " to " << other;
     EXPECT_EQ((Names{".", "..", other}), ListOf(m_Folder));
     name = other;
   }
